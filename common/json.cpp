@@ -1,0 +1,35 @@
+#include "common/json.h"
+
+#include <exception>
+#include <utility>
+
+// The reader and the writer are declared obsolete by the library, in favour of
+// builders that read and write differently: the builders' reader refuses what
+// clients have always been able to send, and their writer indents with tabs.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#include <json/reader.h>
+#include <json/writer.h>
+
+namespace zem {
+
+bool ParseJson(const char* text, std::size_t size, JsonComments comments, Json::Value& value) {
+  try {
+    Json::Reader reader;
+    Json::Value parsed;
+    if (!reader.parse(text, text + size, parsed, comments == JsonComments::kCollect)) return false;
+    value = std::move(parsed);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+std::string StyledJson(const Json::Value& value) {
+  try {
+    return Json::StyledWriter().write(value);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+}  // namespace zem

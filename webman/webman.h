@@ -1,0 +1,251 @@
+/// \file webman.h
+/// The request object that every program of the web administration interface
+/// builds at its start.
+#ifndef ZEM_WEBMAN_WEBMAN_H
+#define ZEM_WEBMAN_WEBMAN_H
+
+#include <json/value.h>
+#include <vemo/cgi.h>
+#include <webutils/export.h>
+
+#include <string>
+
+/// One request: its parameters and cookies, the caller's session and rights,
+/// and the only way by which a program writes its answer.
+///
+/// A process answers one request, so it builds one WebMan, keeps it until it
+/// ends, and uses it from one thread.
+///
+/// \code
+///   int main() {
+///     WebMan request(true);
+///     if (!request.IsAuthorized(nullptr, 1, VEMOCGI_POS_DESKTOP)) return 0;
+///     Json::Value answer;
+///     answer["hello"] = request.GetLoginUserName();
+///     request.WriteHeader("text/plain; charset=\"UTF-8\"");
+///     request.WriteBody(answer);
+///   }
+/// \endcode
+///
+/// **Input.** The parameter line (the query string of GET and HEAD, else the
+/// body) is offered to the JSON reader first. When it is JSON, it is read
+/// through `In()` alone; only otherwise it is decoded as URL-encoded parameters
+/// and read through `In(name, default)`. What counts as JSON is what the reader
+/// accepts, and the reader stops after the first value: the form line `1=2`
+/// is the JSON number 1, and its parameters are not decoded. A form whose first
+/// field has a name that begins with a letter other than those of `true`,
+/// `false` and `null` is never taken for JSON.
+///
+/// **Output.** Queue headers, `WriteHeader` once, `WriteBody` once. Standard
+/// output is written directly: print nothing else in between.
+///
+/// Failures are logged to the system log at error priority as "webman".
+class ZEM_EXPORT WebMan {
+ public:
+  /// Makes the process the leader of a new process session, starts the platform's
+  /// request context and reads the cookies; with `loadInput` the parameters too.
+  /// Never fails visibly: a request without parameters has none.
+  ///
+  /// \param loadInput false: the program calls `LoadIn()` itself before it reads
+  ///     parameters, as a program does that receives uploads.
+  explicit WebMan(bool loadInput);
+  ~WebMan();
+  WebMan(const WebMan&) = delete;
+  WebMan& operator=(const WebMan&) = delete;
+
+  /// \name Input
+  /// Texts that are returned belong to the request object; a default that is
+  /// returned is the caller's own pointer.
+  /// @{
+
+  /// Reads the request's parameters, once.
+  /// \return false when they were read before, or when the request has no
+  ///     parameter line (none sent, a body that is too short, or one over 8 MiB).
+  bool LoadIn();
+
+  /// Parses `line` as a JSON document into the JSON input; comments in the text
+  /// are kept with their values.
+  /// \return whether it is JSON. When it is not, or nests deeper than 1,000
+  ///     levels, or `line` is null, the JSON input is null afterwards.
+  bool LoadJSONParam(char* line);
+
+  /// The JSON input, or null when there is none or it is empty (`{}`, `[]`, a
+  /// number, a string). Owned by the request object; a program may change it.
+  Json::Value* In();
+
+  /// The value of the URL-encoded or multipart parameter `name`, or
+  /// `defaultValue`. A request with non-empty JSON input has no such parameters:
+  /// it gives `defaultValue` for every name, also for one that is a member of
+  /// the document, so that a program never mixes the two kinds unknowingly.
+  const char* In(const char* name, const char* defaultValue);
+
+  /// The value of the cookie `name`, names compared exactly, or `defaultValue`.
+  const char* GetCookie(const char* name, const char* defaultValue);
+
+  /// Reads the cookies again from the environment's HTTP_COOKIE.
+  void UpdateCookiesHash();
+
+  /// The language of the user interface for this request: three letters, for
+  /// example "enu". Never null. Ask after the authorization: a session id given
+  /// as a parameter replaces the request's cookies, and the language with them.
+  const char* GetUILanguage();
+
+  /// The whole file `path` in a buffer that ends with a NUL byte.
+  /// \param maxSize the largest size in bytes that is read.
+  /// \return a buffer that the caller frees with free(); null on failure, logged,
+  ///     and for a file of more than `maxSize` bytes, not logged.
+  static char* szReadFile(const char* path, int maxSize);
+  /// @}
+
+  /// \name Output
+  /// @{
+
+  /// Queues a header line. \return false when the platform refuses it: a name
+  /// that is no token, a value with control characters.
+  bool AddHeader(const char* name, const char* value);
+
+  /// Queues "Content-type" and prints all queued headers and the blank line.
+  /// \return false when the content type is refused (nothing is printed then),
+  ///     when headers were printed before, or when standard output fails.
+  bool WriteHeader(const char* contentType);
+
+  /// Prints `body` as indented JSON text, members in name order, as it is: no
+  /// envelope, no prefix. \return true always.
+  bool WriteBody(Json::Value& body);
+
+  /// The content type of answers that are written without one: the refusal of
+  /// `IsAuthorized`. `text/plain; charset="UTF-8"` until it is set.
+  void SetDefaultContentType(const char* contentType);
+
+  /// Prints the answer 404 Not Found, without a body and not to be stored, and
+  /// ends the process with exit status 0.
+  [[noreturn]] static void ResponseNotFound();
+
+  /// Prints a redirect to `url` with the headers that are queued.
+  /// \return false, nothing printed, when the URL holds control characters.
+  bool Redirect(const char* url);
+
+  /// Queues a "Location" header with an absolute URL on the host that the client
+  /// asked for (HTTP_HOST as it was sent, port included). The scheme is https
+  /// when HTTPS is "on" or HTTP_X_FORWARDED_PROTO is "https", case ignored.
+  /// \param path the path; one leading slash is removed and one put before it.
+  /// \return false for a null path, a request without a host, a refused header.
+  bool AddRedirectHeader(const char* path);
+
+  /// Queues a Set-Cookie header for a cookie that ends with the browser.
+  /// \param first the cookie's path (null or "": "/").
+  /// \param second its name. \param third its value.
+  /// \return whether the platform accepted it.
+  bool AddCookieToHeader(const char* first, const char* second, const char* third);
+  /// @}
+
+  /// \name Login and logout
+  /// Each login returns the platform's result: 1 success, 0 internal fault,
+  /// -1 wrong name or password, -2 account disabled or expired, -3 one-time code
+  /// needed, -4 one-time code wrong or used before, -5 too many failures, -6
+  /// token of the single sign-on refused. On 1, and only then, the session is
+  /// made, its cookie queued, and the user name recorded (cut at 492 bytes).
+  /// @{
+  int Login(_tag_login_params* params);
+  /// Password and one-time code.
+  int LoginWithOTPAuth(_tag_login_params* params, const char* otpCode);
+  /// \param flag whether `params->nonce` is required.
+  int LoginWithAzureSSOAuth(_tag_login_params* params, const char* token, bool flag);
+  /// \param flag whether `params->nonce` is required.
+  int LoginWithOIDCSSOAuth(_tag_login_params* params, const char* token, bool flag);
+  /// A session without a proof of identity, for programs that have made sure of
+  /// it otherwise. The user name is not recorded.
+  int LoginNoAuth(_tag_login_params* params);
+  /// Checks a login without making a session, for asking the password again.
+  /// The user name is not recorded. \param text a one-time code, or null.
+  int LoginTest(_tag_login_params* params, const char* text);
+  /// Ends the session of this request. \return whether there was one.
+  bool Logout();
+  /// @}
+
+  /// \name Authorization
+  /// @{
+
+  /// Asks the platform whether the caller may run the program, and records the
+  /// user name when so. A session id in the parameter "_sid" is taken in place of
+  /// the request's cookies, for the rest of the process.
+  /// \param privilege 0 any session, 1 any logged-in user, 2 administrators.
+  /// \param flag true: a poll, which does not count as use of the session.
+  /// \return 1 or more: yes. 0 internal fault, -1 no such session or expired, -2
+  ///     no privilege, -3 replaced by a newer login, -5 no session, or a wrong or
+  ///     missing anti-forgery token, -8 another client address.
+  int CheckAuthorized(int privilege, _tag_cgi_position position, bool flag);
+
+  /// The same, and answers a refused request itself: with a redirect to
+  /// `redirectUrl` when one is given, else with the header "x-request-error"
+  /// (timeout, noprivilege, relogin, unauth, errorip, system) and the document
+  /// `{"errno": {"key", "section"}, "items": [], "success": false, "total": 0}`.
+  /// \return true: go on. false: the answer is written, print nothing more.
+  bool IsAuthorized(const char* redirectUrl, int privilege, _tag_cgi_position position);
+
+  /// Whether the login user is an administrator. False, and logged, when the
+  /// platform cannot tell.
+  bool IsAdmin() const;
+
+  /// The user of the last successful login or authorization, else empty.
+  std::string GetLoginUserName() const;
+  /// @}
+
+  /// \name Session
+  /// @{
+
+  /// The session's anti-forgery token, empty without a session.
+  /// \param refresh read the cookies again first, as after a login.
+  std::string GetVemoToken(bool refresh);
+  /// Whether requests must carry the token (configuration key "enable_token").
+  bool IsTokenEnable();
+  /// The cookie "id", or null. It is a secret: never print or log it.
+  const char* GetSessionID();
+  /// The path of the session's file, or null without a session.
+  const char* GetSessionFilePath();
+  /// The same into a buffer of `size` bytes. \return 0; -1 when there is none or
+  ///     it does not fit.
+  int GetSessionFilePath(char* buffer, int size);
+  /// The path of the session's lock file, or null without a session.
+  const char* GetLockFile();
+  /// Whether the client's address is left unchecked. Set it before
+  /// `CheckAuthorized` or `IsAuthorized`.
+  void SetSkipCheckIP(bool skip);
+  /// Removes sessions by a handle, a user name or an address, or all of the
+  /// account but this one. \return whether any was removed.
+  bool RemoveSessionByIndex(CURRENT_USER_INDEX index, const char* name);
+  /// Calls `match` with each session record, borrowed, and `data`, and removes
+  /// those for which it returns TRUE. The record holds a public handle in place
+  /// of the id; a match that never returns TRUE lists the sessions.
+  /// \return the number removed; -1 on failure.
+  int RemoveSessionByFunc(BOOL (*match)(json_object* record, void* data), void* data);
+
+  /// Whether the request comes by a shared link: it has a sharing id (the header
+  /// X-Vemo-Sharing as it is, else the parameter "_sharing_id" without a pair of
+  /// quotes around it) and the cookie "sharing_sid". Both are set in any case.
+  bool IsSharingRequest(std::string& sharingId, std::string& sharingSid);
+
+  /// Marks the request as one of the default user, for the rest of the process.
+  void SetLoginedDefaultUser();
+  bool IsLoginedDefaultUser();
+  /// @}
+
+  /// Whether the request carries an upload (multipart/form-data).
+  bool IsUploadRequest();
+
+ private:
+  static constexpr int kUserNameSize = 493;     // bytes, NUL included
+  static constexpr int kLoginReasonSize = 122;  // bytes, NUL included
+
+  int RecordLogin(int result, const _tag_login_params* params);
+  void TakeSessionIdParameter();
+  void WriteRefusal(int code);
+
+  bool loaded_;
+  VEMOCGI context_;
+  Json::Value json_input_;
+  char user_name_[kUserNameSize];
+  std::string default_content_type_;
+};
+
+#endif  // ZEM_WEBMAN_WEBMAN_H
