@@ -47,7 +47,8 @@ const char *VemoCgiGetDef(VEMOCGI *ctx, const char *key, const char *dflt);
 /* 5. login, session, authorization */
 enum _tag_cgi_position { VEMOCGI_POS_ANY = 0, VEMOCGI_POS_DESKTOP = 1, VEMOCGI_POS_SHARING = 2 };
 enum { VEMOCGI_PRIV_NONE = 0, VEMOCGI_PRIV_USER = 1, VEMOCGI_PRIV_ADMIN = 2 };
-enum { VEMOCGI_OPT_TOKEN = 2 };
+enum { VEMOCGI_OPT_TOKEN = 2 };      /* VemoCgiGetOption: the anti-forgery token */
+enum { VEMOCGI_COOKIE_SCRIPT = 1 };  /* VemoCgiSetCookies: scripts of the page may read it */
 enum CURRENT_USER_INDEX {
   CURRENT_USER_BY_HANDLE = 0,  /* name = the session's public handle */
   CURRENT_USER_BY_NAME   = 1,  /* every session of the account */

@@ -1,0 +1,33 @@
+/// \file faults.h
+/// Boundary calls in the hands of a test, for answers that no file, account or
+/// mount can provoke, and to see with what arguments a call was made.
+///
+/// Each call of `wrapped_calls.inc` is wrapped when a test program is linked. As
+/// long as its hook is empty, the call goes to the real host platform.
+///
+/// \code
+///   faults::hooks.VemoCgiIsAuthorized = [](auto...) { return -4; };
+/// \endcode
+#ifndef ZEM_TESTS_FAULTS_FAULTS_H
+#define ZEM_TESTS_FAULTS_FAULTS_H
+
+#include <vemo/cgi.h>
+#include <vemo/core.h>
+
+#include <functional>
+
+namespace faults {
+
+struct Hooks {
+#define ZEM_HOOK(result, name, parameters, arguments) std::function<result parameters> name;
+#include "faults/wrapped_calls.inc"
+#undef ZEM_HOOK
+};
+
+/// The hooks of this process; a test case is a process of its own, so nothing
+/// has to be put back.
+extern Hooks hooks;
+
+}  // namespace faults
+
+#endif  // ZEM_TESTS_FAULTS_FAULTS_H
