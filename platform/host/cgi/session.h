@@ -39,6 +39,7 @@ struct vemo_session_start {
   const char *user;
   const char *address;
   const char *auth; /* "password", "otp", "oidc", "azure", "noauth" */
+  const char *sso;  /* the provider of a single sign-on: "oidc", "azure"; else "" */
   int position;
   int remember;
 };
@@ -60,17 +61,21 @@ void vemo_session_touch(const struct vemo_cgi_session *session);
 /* 1 removed; 0 there was none; -1. */
 int vemo_session_remove(const char *id);
 
-/* Calls `found` with every session that can be read and has not run out, until it
- * returns non-zero. 0; -1: the store cannot be listed. */
-int vemo_session_each(int (*found)(const struct vemo_cgi_session *session, void *data),
-                      void *data);
+/* Called with a session and its record, which it may change; it ends the walk by
+ * returning non-zero. */
+typedef int (*vemo_session_found)(const struct vemo_cgi_session *session,
+                                  struct json_object *record, void *data);
+
+/* Calls `found` with every session that can be read and has not run out. 0; -1: the
+ * store cannot be listed. */
+int vemo_session_each(vemo_session_found found, void *data);
 
 /* The session's name for people and programs that must not know the id. */
 void vemo_session_handle(const char *id, char *buffer, size_t size);
 
-/* The record as it may be shown: the handle in place of token and id. A json-c
- * object that the caller puts; NULL. */
-struct json_object *vemo_session_public_record(const struct vemo_cgi_session *session);
+/* Makes a record one that may be shown: without the token, with the "handle" and
+ * the "last_use". The id is not in it anyway. */
+void vemo_session_make_public(const struct vemo_cgi_session *session, struct json_object *record);
 
 /* The session of the request's cookie, looked up once. NULL: none; `*fault` tells
  * whether the store cannot be used. */

@@ -1,8 +1,9 @@
 /* Counters of failed logins: one small locked file an address, and one for each
- * account together with an address. A record makes wait, never a sleep: that would
- * hold a process for every guess. */
+ * account together with an address. They make wait by refusing, never by a sleep:
+ * that would hold a process for every guess. */
 #include "cgi/throttle.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -18,100 +19,150 @@
 
 enum { FAILURES = 10, WINDOW_SECONDS = 300, WAIT_SECONDS = 300, SWEEP_ENTRIES = 2000 };
 
+/* The file is one line: "known", then the moments, all in decimal. */
 struct counter {
-  long long first; /* when the window began */
-  long long last;  /* the last failure */
-  long count;
   int known; /* the account has logged in from this address */
+  int count;
+  long long failures[FAILURES]; /* the latest ones, oldest first */
 };
 
-static void path_of(const char *user, const char *address, char *buffer, size_t size) {
-  char key[1024];
+static void network_of(const char *address, char *buffer, size_t size) {
+  unsigned char bytes[16];
 
-  /* The address cannot hold a line feed, so no two keys are the same text. */
-  const int length = snprintf(key, sizeof key, "%s\n%s", address, user);
-  const size_t used = length < 0 ? 0 : ((size_t)length < sizeof key ? (size_t)length : sizeof key - 1);
-  snprintf(buffer, size, COUNTER_DIR "/%s%016llx", *user == '\0' ? "a" : "u",
-           (unsigned long long)vemo_hash_stable(key, used));
+  if (inet_pton(AF_INET6, address, bytes) == 1) {
+    memset(bytes + 8, 0, 8);
+    if (inet_ntop(AF_INET6, bytes, buffer, (socklen_t)size) != NULL) return;
+  }
+  snprintf(buffer, size, "%s", address);
 }
 
-static int open_counter(const char *path) {
+static void path_of(const char *user, const char *address, char *buffer, size_t size) {
+  char network[64], key[512];
+
+  network_of(address, network, sizeof network);
+  /* The address cannot hold a line feed, so no two keys are the same text. */
+  snprintf(key, sizeof key, "%s\n%s", network, user);
+  snprintf(buffer, size, COUNTER_DIR "/%s%016llx", *user == '\0' ? "a" : "u",
+           (unsigned long long)vemo_hash_stable(key, strlen(key)));
+}
+
+/* The locked file; -1. */
+static int open_counter(const char *user, const char *address, int flags) {
+  char path[128];
+
+  path_of(user, address, path, sizeof path);
   if (mkdir("/run/vemo", 0755) != 0 && errno != EEXIST) return -1;
   if (mkdir(COUNTER_DIR, 0700) != 0 && errno != EEXIST) return -1;
-  const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
-  if (fd >= 0) flock(fd, LOCK_EX);
-  return fd;
+  const int fd = open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | flags, 0600);
+  if (fd < 0 || flock(fd, LOCK_EX) == 0) return fd;
+  close(fd);
+  return -1;
 }
 
 static struct counter load(int fd) {
-  struct counter counter = {0, 0, 0, 0};
-  char text[128];
+  struct counter counter = {0, 0, {0}};
+  char text[512], *end;
 
   const ssize_t size = pread(fd, text, sizeof text - 1, 0);
-  if (size <= 0) return counter;
-  text[size] = '\0';
-  char *at = text;
-  counter.first = strtoll(at, &at, 10);
-  counter.last = strtoll(at, &at, 10);
-  counter.count = strtol(at, &at, 10);
-  counter.known = (int)strtol(at, &at, 10);
+  text[size < 0 ? 0 : size] = '\0';
+  counter.known = (int)strtol(text, &end, 10);
+  while (counter.count < FAILURES) {
+    char *at = end;
+    const long long moment = strtoll(at, &end, 10);
+    if (end == at) break;
+    counter.failures[counter.count++] = moment;
+  }
   return counter;
 }
 
-static void store(int fd, const struct counter *counter) {
-  char text[128];
+static int store(int fd, const struct counter *counter) {
+  char text[512];
+  int size = snprintf(text, sizeof text, "%d", counter->known);
 
-  const int size = snprintf(text, sizeof text, "%lld %lld %ld %d\n", counter->first, counter->last,
-                            counter->count, counter->known);
+  for (int i = 0; i < counter->count; i++) {
+    size += snprintf(text + size, sizeof text - (size_t)size, " %lld", counter->failures[i]);
+  }
   VLIBCSigtermHold();
-  if (ftruncate(fd, 0) != 0 || pwrite(fd, text, (size_t)size, 0) != size) VEMO_FAIL_ERRNO();
+  const int done = ftruncate(fd, 0) == 0 && pwrite(fd, text, (size_t)size, 0) == size;
   VLIBCSigtermRelease();
+  return done ? 0 : -1;
 }
 
 static int is_full(const struct counter *counter, long long now) {
-  return counter->count >= FAILURES && now - counter->last < WAIT_SECONDS;
+  if (counter->count < FAILURES) return 0;
+  const long long last = counter->failures[FAILURES - 1];
+  /* A moment in the future is a clock that was set back. */
+  return last - counter->failures[0] < WINDOW_SECONDS && now >= last && now - last < WAIT_SECONDS;
 }
 
-/* The counter as it stands; -1 when it cannot be read. */
-static int look(const char *user, const char *address, struct counter *counter) {
-  char path[128];
-
-  path_of(user, address, path, sizeof path);
-  const int fd = open_counter(path);
-  if (fd < 0) {
-    VEMO_FAIL_ERRNO();
-    return -1;
+static void push(struct counter *counter, long long now) {
+  if (counter->count == FAILURES) {
+    memmove(counter->failures, counter->failures + 1,
+            (FAILURES - 1) * sizeof counter->failures[0]);
+    counter->count--;
   }
-  *counter = load(fd);
+  counter->failures[counter->count++] = now;
+}
+
+/* Counts an attempt beforehand. 1; 0 too many; -1. */
+static int take(const char *user, const char *address) {
+  const long long now = time(NULL);
+  const int fd = open_counter(user, address, O_CREAT);
+  int result = 0;
+
+  if (fd < 0) return -1;
+  struct counter counter = load(fd);
+  if (!is_full(&counter, now)) {
+    push(&counter, now);
+    result = store(fd, &counter) == 0 ? 1 : -1;
+  }
   close(fd);
-  return 0;
+  return result;
 }
 
-int vemo_throttle_allows(const char *user, const char *address) {
-  struct counter own, shared;
-  const long long now = time(NULL);
+/* Takes one attempt back, or with `succeeded` all of them. */
+static void give_back(const char *user, const char *address, int succeeded) {
+  const int fd = open_counter(user, address, O_CREAT);
 
-  if (look(user, address, &own) != 0 || look("", address, &shared) != 0) return -1;
-  if (is_full(&own, now)) return 0;
-  return own.known || !is_full(&shared, now);
-}
-
-static void count_failure(const char *user, const char *address) {
-  char path[128];
-  const long long now = time(NULL);
-
-  path_of(user, address, path, sizeof path);
-  const int fd = open_counter(path);
   if (fd < 0) return;
   struct counter counter = load(fd);
-  if (now - counter.first >= WINDOW_SECONDS || counter.count >= FAILURES) {
-    counter.first = now;
+  if (counter.count > 0) counter.count--;
+  if (succeeded) {
     counter.count = 0;
+    counter.known = 1;
   }
-  counter.count++;
-  counter.last = now;
   store(fd, &counter);
   close(fd);
+}
+
+/* Never makes a file: names that are only asked for must not fill the directory. */
+static int is_known(const char *user, const char *address) {
+  const int fd = *user == '\0' ? -1 : open_counter(user, address, 0);
+
+  if (fd < 0) return 0;
+  const struct counter counter = load(fd);
+  close(fd);
+  return counter.known;
+}
+
+static int begin(const char *user, const char *address) {
+  const int known = is_known(user, address);
+
+  const int by_address = known ? 1 : take("", address);
+  if (by_address != 1 || *user == '\0') return by_address;
+  const int by_account = take(user, address);
+  if (by_account != 1 && !known) give_back("", address, 0);
+  return by_account;
+}
+
+int vemo_throttle_begin(const char *user, const char *address) {
+  uid_t before;
+
+  if (vemo_root_begin(&before) != 0) return -1;
+  const int result = begin(user, address);
+  if (result < 0) VEMO_FAIL_ERRNO();
+  vemo_root_end(before);
+  return result;
 }
 
 /* Guesses under ever new names must not fill the file system. */
@@ -135,22 +186,15 @@ static void sweep(void) {
   closedir(directory);
 }
 
-void vemo_throttle_failed(const char *user, const char *address) {
-  struct counter own;
+void vemo_throttle_end(const char *user, const char *address, enum vemo_throttle_outcome outcome) {
+  uid_t before;
 
-  count_failure(user, address);
-  /* The owner's slips do not count against the neighbours. */
-  if (look(user, address, &own) == 0 && !own.known) count_failure("", address);
-  sweep();
-}
-
-void vemo_throttle_succeeded(const char *user, const char *address) {
-  char path[128];
-
-  path_of(user, address, path, sizeof path);
-  const int fd = open_counter(path);
-  if (fd < 0) return;
-  const struct counter counter = {0, 0, 0, 1};
-  store(fd, &counter);
-  close(fd);
+  if (vemo_root_begin(&before) != 0) return;
+  if (outcome == VEMO_THROTTLE_FAILURE) {
+    sweep();
+  } else {
+    if (!is_known(user, address)) give_back("", address, 0);
+    if (*user != '\0') give_back(user, address, outcome == VEMO_THROTTLE_SUCCESS);
+  }
+  vemo_root_end(before);
 }

@@ -17,7 +17,7 @@ using support::Environment;
 using support::Get;
 using support::RunRequest;
 
-Answer Run(const std::function<void(WebMan&)>& program, const Environment& more = {}) {
+Answer Serve(const std::function<void(WebMan&)>& program, const Environment& more = {}) {
   Environment environment = Get("");
   environment.insert(more.begin(), more.end());
   return RunRequest(environment, "", [&] {
@@ -27,7 +27,7 @@ Answer Run(const std::function<void(WebMan&)>& program, const Environment& more 
 }
 
 TEST(RequestOutput, PrintsQueuedHeadersThenTheContentTypeThenTheBody) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     EXPECT_TRUE(request.AddHeader("X-One", "1"));
     EXPECT_TRUE(request.AddHeader("X-Two", "2"));
     EXPECT_TRUE(request.WriteHeader("text/plain"));
@@ -42,7 +42,7 @@ TEST(RequestOutput, PrintsQueuedHeadersThenTheContentTypeThenTheBody) {
 }
 
 TEST(RequestOutput, ABodyOfAnyKindIsWritten) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     for (Json::Value value :
          {Json::Value(), Json::Value("x"), Json::Value(-1), Json::Value(Json::arrayValue)}) {
       request.WriteBody(value);
@@ -52,7 +52,7 @@ TEST(RequestOutput, ABodyOfAnyKindIsWritten) {
 }
 
 TEST(RequestOutput, TextThatIsNotUtf8IsStillJson) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     Json::Value body("a\xff\xc3");
     request.WriteBody(body);
   });
@@ -60,7 +60,7 @@ TEST(RequestOutput, TextThatIsNotUtf8IsStillJson) {
 }
 
 TEST(RequestOutput, ARefusedContentTypePrintsNothing) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     request.AddHeader("X-One", "1");
     EXPECT_FALSE(request.WriteHeader("text/plain\r\nX-Evil: 1"));
     EXPECT_FALSE(request.WriteHeader(nullptr));
@@ -71,7 +71,7 @@ TEST(RequestOutput, ARefusedContentTypePrintsNothing) {
 }
 
 TEST(RequestOutput, HeadersArePrintedOnce) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     const bool first = request.WriteHeader("text/plain");
     const bool second = request.WriteHeader("text/html");
     std::printf("%d%d", first, second);
@@ -80,7 +80,7 @@ TEST(RequestOutput, HeadersArePrintedOnce) {
 }
 
 TEST(RequestOutput, HeadersThatCannotBeWrittenAreAFailure) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
     _exit(request.WriteHeader("text/plain") ? 1 : 0);
   });
@@ -88,7 +88,7 @@ TEST(RequestOutput, HeadersThatCannotBeWrittenAreAFailure) {
 }
 
 TEST(RequestOutput, AddHeaderRefusesWhatWouldMakeASecondLine) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     const char* bad[][2] = {{"X", "a\rb"},  {"X", "a\nb"}, {"X", "\x01"}, {"X", "\x7f"},
                             {"X\r\nY", "a"}, {"X:Y", "a"},  {"", "a"},     {"X Y", "a"},
                             {nullptr, "a"}};
@@ -99,7 +99,7 @@ TEST(RequestOutput, AddHeaderRefusesWhatWouldMakeASecondLine) {
 }
 
 TEST(RequestOutput, NotFoundIsACompleteAnswer) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     request.AddHeader("X-Queued", "1");
     request.ResponseNotFound();
   });
@@ -108,7 +108,7 @@ TEST(RequestOutput, NotFoundIsACompleteAnswer) {
 }
 
 TEST(RequestOutput, RedirectCarriesWhatIsQueued) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     request.AddHeader("X-Queued", "1");
     EXPECT_TRUE(request.Redirect("https://host/path?a=b"));
   });
@@ -119,7 +119,7 @@ TEST(RequestOutput, RedirectCarriesWhatIsQueued) {
 }
 
 TEST(RequestOutput, RedirectRefusesLineBreaks) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     const bool accepted = request.Redirect("/a\r\nSet-Cookie: x=y");
     std::printf("%d", accepted);
   });
@@ -158,7 +158,7 @@ TEST(RequestOutput, TheRedirectHeaderIsBuiltFromTheRequest) {
       {{{"HTTP_HOST", "nas"}}, "x\ny", nullptr},
   };
   for (const LocationRow& row : rows) {
-    const Answer answer = Run(
+    const Answer answer = Serve(
         [&](WebMan& request) {
           const bool queued = request.AddRedirectHeader(row.path);
           request.WriteHeader("text/plain");
@@ -171,7 +171,7 @@ TEST(RequestOutput, TheRedirectHeaderIsBuiltFromTheRequest) {
 }
 
 TEST(RequestOutput, CookiesGoOutWithPathNameAndValue) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     EXPECT_TRUE(request.AddCookieToHeader("/webman", "a", "1"));
     EXPECT_TRUE(request.AddCookieToHeader(nullptr, "b", "2"));
     EXPECT_FALSE(request.AddCookieToHeader("/", "c", "3; Domain=evil"));
@@ -184,7 +184,7 @@ TEST(RequestOutput, CookiesGoOutWithPathNameAndValue) {
 }
 
 TEST(RequestOutput, TheArgumentsOfACookieKeepTheirOrder) {
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     faults::hooks.VemoCgiSetCookies = [](VEMOCGI*, const char* name, const char* value,
                                          time_t expires, const char* path, const char* domain,
                                          int flags) {
@@ -209,7 +209,7 @@ TEST(RequestOutput, AnUploadIsToldByItsContentType) {
   EXPECT_EQ(run("POST", "multipart/form-data"), "0");
   EXPECT_EQ(run("POST", "text/plain"), "0");
 
-  const Answer answer = Run([](WebMan& request) {
+  const Answer answer = Serve([](WebMan& request) {
     faults::hooks.VemoCgiIsUploadRequest = [](VEMOCGI*) { return 2; };
     std::printf("%d", request.IsUploadRequest());
   });
