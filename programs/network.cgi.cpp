@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "programs/program.h"
 
@@ -51,6 +52,9 @@ class NetworkForm : public ServerFormHandler {
  public:
   NetworkForm() : ServerFormHandler(kLockFile) { program::QueuePrivateHeaders(request()); }
 
+  // An action that the form handler does not know would stay without an answer.
+  bool Process() override;
+
   // The form changes the system: not for every user who is logged in.
   bool Authenticate() override {
     return request().IsAuthorized(nullptr, VEMOCGI_PRIV_ADMIN, VEMOCGI_POS_DESKTOP);
@@ -69,6 +73,13 @@ class NetworkForm : public ServerFormHandler {
   bool Store();
   in_addr_t Address(const char* field);
 };
+
+bool NetworkForm::Process() {
+  const std::string_view action = request().In("action", "");
+  if (action == "load" || action == "apply") return ServerFormHandler::Process();
+  if (Authenticate()) ReportFailMessage("common", "error_request", 0);
+  return false;
+}
 
 bool NetworkForm::Load() {
   VemoConf conf;

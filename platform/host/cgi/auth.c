@@ -1,10 +1,9 @@
 /* Authorization, and what a session tells of itself. */
-#include <json-c/json.h>
 #include <stdlib.h>
 #include <string.h>
-#include <syslog.h>
 
 #include "cgi/account.h"
+#include "cgi/audit.h"
 #include "cgi/session.h"
 #include "cgi/state.h"
 
@@ -23,11 +22,19 @@ int VemoCgiIsTokenEnable(VEMOCGI *ctx) {
   return !vemo_cgi_config_is("enable_token", "no", "yes");
 }
 
+/* A query string that could be a JSON object with an "action" in it. Browsers and
+ * libraries never send a quote unescaped, so this is a program's doing. */
+static int may_be_json(void) {
+  const char *query = vemo_cgi_env("QUERY_STRING");
+
+  return strchr(query, '"') != NULL && strchr(query, '{') != NULL;
+}
+
 /* A reading request may go without the token, unless it asks for an action that
- * is none of reading. */
+ * is none of reading. The content type plays no part: it is the client's word. */
 static int needs_token(VEMOCGI *ctx) {
   if (!VemoCgiIsTokenEnable(ctx)) return 0;
-  if (!vemo_cgi_is_reading()) return 1;
+  if (!vemo_cgi_is_reading() || may_be_json()) return 1;
   const char *action = VemoCgiGetRequestParam(ctx, "action", NULL);
   return action != NULL && strcmp(action, "load") != 0 && strcmp(action, "list") != 0 &&
          strcmp(action, "get") != 0;
@@ -42,28 +49,30 @@ static int has_token(VEMOCGI *ctx, const struct vemo_cgi_session *session) {
 
 static int has_address(VEMOCGI *ctx, const struct vemo_cgi_session *session) {
   if (ctx->skip_check_ip || vemo_cgi_config_is("session_address", "off", "prefix")) return 1;
-  const char *address = vemo_cgi_client_address(ctx);
-  if (strcmp(address, session->address) == 0) return 1;
-  return vemo_cgi_same_address(address, session->address,
+  return vemo_cgi_same_address(vemo_cgi_client_address(ctx), session->address,
                                vemo_cgi_config_is("session_address", "exact", "prefix"));
 }
 
-static int is_newer(const struct vemo_cgi_session *other, void *data) {
-  struct vemo_cgi_session *session = data;
+struct replacement {
+  const struct vemo_cgi_session *session;
+  int found;
+};
 
-  if (strcmp(other->user, session->user) == 0 && other->created > session->created) {
-    session->last_use = -1; /* found one */
-    return 1;
-  }
-  return 0;
+static int is_newer(const struct vemo_cgi_session *other, struct json_object *record, void *data) {
+  struct replacement *asked = data;
+
+  (void)record;
+  asked->found =
+      strcmp(other->user, asked->session->user) == 0 && other->created > asked->session->created;
+  return asked->found;
 }
 
+/* 1 when the account has logged in since; 0; -1. */
 static int is_replaced(const struct vemo_cgi_session *session) {
-  struct vemo_cgi_session asked = *session;
+  struct replacement asked = {session, 0};
 
   if (!vemo_cgi_config_is("single_session", "yes", "no")) return 0;
-  if (vemo_session_each(is_newer, &asked) != 0) return -1;
-  return asked.last_use == -1;
+  return vemo_session_each(is_newer, &asked) != 0 ? -1 : asked.found;
 }
 
 static int judge_privilege(const struct vemo_cgi_session *session, int privilege) {
@@ -73,57 +82,68 @@ static int judge_privilege(const struct vemo_cgi_session *session, int privilege
   return member < 0 ? AUTH_FAULT : (member == 1 ? AUTH_GOOD : AUTH_NO_PRIVILEGE);
 }
 
-static int judge(VEMOCGI *ctx, const struct vemo_cgi_session *session, int privilege,
-                 enum _tag_cgi_position position) {
-  if (vemo_session_is_over(session)) {
-    vemo_session_remove(session->id);
-    return AUTH_OVER;
-  }
-  const int usable = vemo_account_is_usable(session->user);
+/* Whether the session still lives. One that does not, or whose account may not use
+ * the system any more, is gone for good: it does not come back with the account. */
+static int judge_life(const struct vemo_cgi_session *session) {
+  const int usable = vemo_session_is_over(session) ? 0 : vemo_account_is_usable(session->user);
+
   if (usable < 0) return AUTH_FAULT;
-  if (!usable) {
-    vemo_session_remove(session->id);
-    return AUTH_OVER;
-  }
+  if (usable) return AUTH_GOOD;
+  vemo_session_remove(session->id);
+  return AUTH_OVER;
+}
+
+static int judge(VEMOCGI *ctx, const struct vemo_cgi_session *session, int privilege,
+                 enum _tag_cgi_position position, const char **why) {
+  *why = "the session is over";
+  int verdict = judge_life(session);
+  if (verdict != AUTH_GOOD) return verdict;
+  *why = "another client address";
   if (!has_address(ctx, session)) return AUTH_ADDRESS;
+  *why = "replaced by a newer login";
   const int replaced = is_replaced(session);
   if (replaced != 0) return replaced < 0 ? AUTH_FAULT : AUTH_REPLACED;
-  /* A session of the sharing portal is none of the desktop's. */
+  *why = "a sharing session on the desktop";
   if (session->position == VEMOCGI_POS_SHARING && position == VEMOCGI_POS_DESKTOP) return AUTH_NONE;
-  const int verdict = judge_privilege(session, privilege);
+  *why = "no privilege";
+  verdict = judge_privilege(session, privilege);
   if (verdict != AUTH_GOOD) return verdict;
+  *why = "token missing or wrong";
   return !needs_token(ctx) || has_token(ctx, session) ? AUTH_GOOD : AUTH_NONE;
 }
 
-static int refuse(VEMOCGI *ctx, const struct vemo_cgi_session *session, int verdict) {
-  static const char *const why[] = {"the session store fails",    "no such session, or over",
-                                    "no privilege",               "replaced by a newer login",
-                                    "",                           "no session, or no token",
-                                    "", "", "another client address"};
-
-  syslog(LOG_AUTH | LOG_NOTICE, "request of user \"%s\" from %s refused: %s",
-         session == NULL ? "" : session->user, vemo_cgi_client_address(ctx), why[-verdict]);
+static int refuse(VEMOCGI *ctx, const char *user, int verdict, const char *why) {
+  if (verdict == AUTH_FAULT) why = "the check failed";
+  vemo_audit_request(user, vemo_cgi_client_address(ctx), why);
   return verdict;
 }
 
 int VemoCgiIsAuthorized(VEMOCGI *ctx, char *user, int user_size,
                         const struct _tag_cgi_auth_request *request,
                         enum _tag_cgi_position position) {
+  const char *why;
   int fault;
 
   if (!vemo_cgi_is_ready(ctx) || request == NULL || user == NULL || user_size < 1) {
     VEMO_FAIL(VEMOERR_BAD_PARAM);
     return AUTH_FAULT;
   }
-  const char *id = VemoCgiGetInCookies(ctx, VEMO_SESSION_COOKIE, "");
-  if (*id == '\0') return refuse(ctx, NULL, AUTH_NONE);
+  /* Nobody has logged in: that is no attempt, and every first visit's answer. */
+  if (*VemoCgiGetInCookies(ctx, VEMO_SESSION_COOKIE, "") == '\0') return AUTH_NONE;
+  /* Another program may have ended it since the last look. */
+  vemo_cgi_session_forget(ctx);
   const struct vemo_cgi_session *session = vemo_cgi_session(ctx, &fault);
-  if (session == NULL) return refuse(ctx, NULL, fault ? AUTH_FAULT : AUTH_OVER);
+  if (session == NULL) return refuse(ctx, "", fault ? AUTH_FAULT : AUTH_OVER, "no such session");
 
-  const int verdict = judge(ctx, session, request->privilege, position);
-  if (verdict != AUTH_GOOD) return refuse(ctx, session, verdict);
+  const int verdict = judge(ctx, session, request->privilege, position, &why);
+  if (verdict != AUTH_GOOD) return refuse(ctx, session->user, verdict, why);
+  /* A cut name would be another account's. */
+  if (strlen(session->user) >= (size_t)user_size) {
+    VEMO_FAIL(VEMOERR_TOO_LONG);
+    return AUTH_FAULT;
+  }
   if (!request->passive) vemo_session_touch(session);
-  snprintf(user, (size_t)user_size, "%s", session->user);
+  memcpy(user, session->user, strlen(session->user) + 1);
   return AUTH_GOOD;
 }
 
@@ -148,76 +168,4 @@ int VemoCgiGetSessPath(VEMOCGI *ctx, char *buffer, int size) {
   }
   memcpy(buffer, ctx->session_file, strlen(ctx->session_file) + 1);
   return 0;
-}
-
-/* Which sessions to remove, and how many were. */
-struct removal {
-  enum CURRENT_USER_INDEX index;
-  const char *name;
-  const struct vemo_cgi_session *own;
-  BOOL (*match)(struct json_object *record, void *data);
-  void *data;
-  int removed;
-};
-
-static int is_meant(const struct vemo_cgi_session *session, const struct removal *removal) {
-  char handle[32];
-
-  switch (removal->index) {
-    case CURRENT_USER_BY_HANDLE:
-      vemo_session_handle(session->id, handle, sizeof handle);
-      return strcmp(handle, removal->name) == 0;
-    case CURRENT_USER_BY_NAME:
-      return strcmp(session->user, removal->name) == 0;
-    case CURRENT_USER_BY_ADDR:
-      return strcmp(session->address, removal->name) == 0;
-    case CURRENT_USER_OTHERS:
-      return removal->own != NULL && strcmp(session->user, removal->own->user) == 0 &&
-             strcmp(session->id, removal->own->id) != 0;
-    default:
-      return 0;
-  }
-}
-
-static int remove_indexed(const struct vemo_cgi_session *session, void *data) {
-  struct removal *removal = data;
-
-  if (is_meant(session, removal)) removal->removed += vemo_session_remove(session->id) == 1;
-  return 0;
-}
-
-int VemoCgiRemoveSessionByIndex(VEMOCGI *ctx, enum CURRENT_USER_INDEX index, const char *name) {
-  int fault;
-  struct removal removal = {.index = index, .name = name == NULL ? "" : name};
-
-  if (!vemo_cgi_is_ready(ctx)) return 0;
-  if (*removal.name == '\0' && index != CURRENT_USER_OTHERS) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
-    return 0;
-  }
-  removal.own = vemo_cgi_session(ctx, &fault);
-  vemo_session_each(remove_indexed, &removal);
-  return removal.removed > 0;
-}
-
-static int remove_matched(const struct vemo_cgi_session *session, void *data) {
-  struct removal *removal = data;
-  struct json_object *record = vemo_session_public_record(session);
-
-  if (record == NULL) return 0;
-  const BOOL matched = removal->match(record, removal->data);
-  json_object_put(record);
-  if (matched) removal->removed += vemo_session_remove(session->id) == 1;
-  return 0;
-}
-
-int VemoCgiRemoveSessionByFunc(VEMOCGI *ctx, BOOL (*match)(struct json_object *record, void *data),
-                               void *data) {
-  struct removal removal = {.match = match, .data = data};
-
-  if (!vemo_cgi_is_ready(ctx) || match == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
-    return -1;
-  }
-  return vemo_session_each(remove_matched, &removal) == 0 ? removal.removed : -1;
 }

@@ -70,9 +70,11 @@ static int forwarded_for(struct address *address) {
   size_t end = strlen(list);
 
   while (end > 0) {
-    while (end > 0 && strchr(", \t", list[end - 1]) != NULL) end--;
+    while (end > 0 && strchr(", \t", list[end - 1]) != NULL)
+      end--;
     size_t start = end;
-    while (start > 0 && strchr(", \t", list[start - 1]) == NULL) start--;
+    while (start > 0 && strchr(", \t", list[start - 1]) == NULL)
+      start--;
     struct address named;
     if (!parse(list + start, end - start, &named)) return 0;
     *address = named;
@@ -96,8 +98,9 @@ const char *vemo_cgi_client_address(VEMOCGI *ctx) {
 
   if (!parse(remote, strlen(remote), &address)) return "";
   if (is_trusted(&address)) forwarded_for(&address);
-  const char *written = is_ipv4(&address) ? inet_ntop(AF_INET, address.bytes + 12, text, sizeof text)
-                                          : inet_ntop(AF_INET6, address.bytes, text, sizeof text);
+  const char *written = is_ipv4(&address)
+                            ? inet_ntop(AF_INET, address.bytes + 12, text, sizeof text)
+                            : inet_ntop(AF_INET6, address.bytes, text, sizeof text);
   const char *copy = written == NULL ? NULL : vemo_cgi_strdup(ctx, written);
   return copy == NULL ? "" : copy;
 }

@@ -14,14 +14,16 @@ static int begins_cookie(const char *at) {
   if (at[0] != ',' || at[1] != ' ') return 0;
   const char *name = at + 2;
   const char *end = name;
-  while (is_token_char(*end)) end++;
+  while (is_token_char(*end))
+    end++;
   return end > name && *end == '=';
 }
 
 static size_t cookie_size(const char *text) {
   size_t size = 0;
 
-  while (text[size] != '\0' && text[size] != ';' && !begins_cookie(text + size)) size++;
+  while (text[size] != '\0' && text[size] != ';' && !begins_cookie(text + size))
+    size++;
   return size;
 }
 
@@ -30,7 +32,8 @@ static void trim(const char **text, size_t *size) {
     ++*text;
     --*size;
   }
-  while (*size > 0 && strchr(" \t", (*text)[*size - 1]) != NULL) --*size;
+  while (*size > 0 && strchr(" \t", (*text)[*size - 1]) != NULL)
+    --*size;
 }
 
 /* Calls `found` with each cookie of a header, until it returns non-zero. */
@@ -93,8 +96,7 @@ const char *VemoCgiGetInCookies(VEMOCGI *ctx, const char *name, const char *dflt
 }
 
 int vemo_cgi_is_session_id(const char *id) {
-  static const char alphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
   return id != NULL && strlen(id) == VEMO_SESSION_ID_SIZE &&
          strspn(id, alphabet) == VEMO_SESSION_ID_SIZE;
@@ -114,9 +116,9 @@ static int keep_other(const char *name, size_t name_size, const char *value, siz
       memcmp(name, VEMO_SESSION_COOKIE, name_size) == 0) {
     return 0;
   }
-  header->used += (size_t)sprintf(header->text + header->used, "%s%.*s=%.*s",
-                                  header->used == 0 ? "" : "; ", (int)name_size, name,
-                                  (int)value_size, value);
+  header->used +=
+      (size_t)sprintf(header->text + header->used, "%s%.*s=%.*s", header->used == 0 ? "" : "; ",
+                      (int)name_size, name, (int)value_size, value);
   return 0;
 }
 

@@ -10,8 +10,7 @@
 enum { LINE_LIMIT = 8 * 1024 * 1024, PARAM_LIMIT = 10000, BOUNDARY_LIMIT = 70 };
 
 static int has_body(const char *method) {
-  return strcmp(method, "POST") == 0 || strcmp(method, "PUT") == 0 ||
-         strcmp(method, "DELETE") == 0;
+  return strcmp(method, "POST") == 0 || strcmp(method, "PUT") == 0 || strcmp(method, "DELETE") == 0;
 }
 
 static int is_multipart(void) {

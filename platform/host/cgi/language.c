@@ -74,6 +74,8 @@ static const char *accepted(VEMOCGI *ctx) {
 }
 
 static const char *choose(VEMOCGI *ctx) {
+  /* A context that was made for its texts alone has not read the cookies. */
+  if (ctx->state->cookies == NULL) VemoCgiLoadInCookies(ctx);
   const char *code = VemoCgiGetInCookies(ctx, "lang", NULL);
 
   if (is_available(ctx, code)) return code;

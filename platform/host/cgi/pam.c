@@ -48,7 +48,8 @@ static int answer(int count, const struct pam_message **messages, struct pam_res
     const int style = messages[i]->msg_style;
     if (style == PAM_TEXT_INFO || style == PAM_ERROR_MSG) continue;
     if (style == PAM_PROMPT_ECHO_OFF && (answers[i].resp = strdup(password)) != NULL) continue;
-    while (i-- > 0) free(answers[i].resp);
+    while (i-- > 0)
+      free(answers[i].resp);
     free(answers);
     return PAM_CONV_ERR;
   }
@@ -64,6 +65,27 @@ static void no_delay(int result, unsigned int microseconds, void *data) {
   (void)data;
 }
 
+/* What an answer of PAM's says; `refused` is what a refusal means at this step. */
+static enum vemo_pam meaning_of(int result, enum vemo_pam refused) {
+  switch (result) {
+    case PAM_SUCCESS:
+      return VEMO_PAM_GOOD;
+    case PAM_AUTH_ERR:
+    case PAM_USER_UNKNOWN:
+    case PAM_MAXTRIES:
+    case PAM_CRED_INSUFFICIENT:
+    case PAM_PERM_DENIED:
+      return refused;
+    case PAM_ACCT_EXPIRED:
+    case PAM_NEW_AUTHTOK_REQD:
+    case PAM_AUTHTOK_EXPIRED:
+      return VEMO_PAM_NO_ACCOUNT;
+    default:
+      VEMO_FAIL(VEMOERR_NO_SERVICE);
+      return VEMO_PAM_FAULT;
+  }
+}
+
 static enum vemo_pam ask(const struct pam_calls *pam, pam_handle_t *handle, const char *address) {
   void (*delay)(int, unsigned int, void *) = no_delay;
   const void *delay_item;
@@ -72,19 +94,8 @@ static enum vemo_pam ask(const struct pam_calls *pam, pam_handle_t *handle, cons
   pam->set_item(handle, PAM_FAIL_DELAY, delay_item);
   if (*address != '\0') pam->set_item(handle, PAM_RHOST, address);
   const int result = pam->authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-  switch (result) {
-    case PAM_SUCCESS:
-      break;
-    case PAM_ABORT:
-    case PAM_SYSTEM_ERR:
-    case PAM_BUF_ERR:
-    case PAM_AUTHINFO_UNAVAIL:
-      VEMO_FAIL(VEMOERR_NO_SERVICE);
-      return VEMO_PAM_FAULT;
-    default:
-      return VEMO_PAM_REFUSED;
-  }
-  return pam->acct_mgmt(handle, PAM_SILENT) == PAM_SUCCESS ? VEMO_PAM_GOOD : VEMO_PAM_NO_ACCOUNT;
+  if (result != PAM_SUCCESS) return meaning_of(result, VEMO_PAM_REFUSED);
+  return meaning_of(pam->acct_mgmt(handle, PAM_SILENT), VEMO_PAM_NO_ACCOUNT);
 }
 
 enum vemo_pam vemo_pam_check(const char *user, const char *password, const char *address) {

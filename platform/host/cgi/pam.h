@@ -4,7 +4,7 @@
 
 enum vemo_pam {
   VEMO_PAM_FAULT = -1,
-  VEMO_PAM_REFUSED = 0,   /* wrong name or password */
+  VEMO_PAM_REFUSED = 0, /* wrong name or password */
   VEMO_PAM_GOOD = 1,
   VEMO_PAM_NO_ACCOUNT = 2 /* the password is right, the account may not be used */
 };

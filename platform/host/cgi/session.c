@@ -80,8 +80,7 @@ static void sweep(void) {
   closedir(directory);
 }
 
-int vemo_session_create(const struct vemo_session_start *start,
-                        char id[VEMO_SESSION_ID_SIZE + 1]) {
+int vemo_session_create(const struct vemo_session_start *start, char id[VEMO_SESSION_ID_SIZE + 1]) {
   char token[VEMO_SESSION_ID_SIZE + 1], path[128];
   uid_t before;
   int result = -1;
@@ -304,8 +303,7 @@ int vemo_session_each(vemo_session_found found, void *data) {
 
 void vemo_session_handle(const char *id, char *buffer, size_t size) {
   /* One way: 64 of the 256 bits' hash say nothing about the id. */
-  snprintf(buffer, size, "%016llx",
-           (unsigned long long)vemo_hash_stable(id, VEMO_SESSION_ID_SIZE));
+  snprintf(buffer, size, "%016llx", (unsigned long long)vemo_hash_stable(id, VEMO_SESSION_ID_SIZE));
 }
 
 void vemo_session_make_public(const struct vemo_cgi_session *session, struct json_object *record) {

@@ -45,8 +45,7 @@ struct vemo_session_start {
 };
 
 /* Makes a session; its id in `id`. 0; -1. */
-int vemo_session_create(const struct vemo_session_start *start,
-                        char id[VEMO_SESSION_ID_SIZE + 1]);
+int vemo_session_create(const struct vemo_session_start *start, char id[VEMO_SESSION_ID_SIZE + 1]);
 
 /* Reads a session. 1; 0: there is none that can be read as one; -1: the store
  * itself cannot be used. */

@@ -40,7 +40,8 @@ static void trim(char **text, size_t *size) {
     ++*text;
     --*size;
   }
-  while (*size > 0 && strchr(" \t\r\n", (*text)[*size - 1]) != NULL) --*size;
+  while (*size > 0 && strchr(" \t\r\n", (*text)[*size - 1]) != NULL)
+    --*size;
   if (*size >= 2 && **text == '"' && (*text)[*size - 1] == '"') {
     ++*text;
     *size -= 2;
@@ -137,7 +138,8 @@ static struct string_file *open_file(const char *path) {
   struct string_file *file = files;
   struct stat status;
 
-  while (file != NULL && strcmp(file->path, path) != 0) file = file->next;
+  while (file != NULL && strcmp(file->path, path) != 0)
+    file = file->next;
   if (file == NULL) {
     file = calloc(1, sizeof *file);
     if (file == NULL || (file->path = strdup(path)) == NULL) {
@@ -160,7 +162,8 @@ static struct string_file *open_file(const char *path) {
 static const struct section *find_section(const struct string_file *file, const char *name) {
   const struct section *section = file->sections;
 
-  while (section != NULL && strcmp(section->name, name) != 0) section = section->next;
+  while (section != NULL && strcmp(section->name, name) != 0)
+    section = section->next;
   return section;
 }
 

@@ -97,8 +97,7 @@ static int is_full(const struct counter *counter, long long now) {
 
 static void push(struct counter *counter, long long now) {
   if (counter->count == FAILURES) {
-    memmove(counter->failures, counter->failures + 1,
-            (FAILURES - 1) * sizeof counter->failures[0]);
+    memmove(counter->failures, counter->failures + 1, (FAILURES - 1) * sizeof counter->failures[0]);
     counter->count--;
   }
   counter->failures[counter->count++] = now;
@@ -174,7 +173,8 @@ static void sweep(void) {
   int count = 0;
 
   if (directory == NULL) return;
-  while ((entry = readdir(directory)) != NULL) count++;
+  while ((entry = readdir(directory)) != NULL)
+    count++;
   rewinddir(directory);
   while (count > SWEEP_ENTRIES && (entry = readdir(directory)) != NULL) {
     if (*entry->d_name == '.') continue;

@@ -67,10 +67,14 @@ static uint64_t sip_hash(const uint64_t seed[2], const void *data, size_t size) 
 }
 
 uint64_t vemo_hash_bytes(const void *data, size_t size) {
-  static const uint64_t *seed;
+  static uint64_t seed[2];
+  static int seeded;
 
-  /* 16 random bytes that the kernel gives every process: no system call. */
-  if (seed == NULL) seed = (const uint64_t *)getauxval(AT_RANDOM);
+  if (!seeded) {
+    /* 16 random bytes that the kernel gives every process: no system call. */
+    memcpy(seed, (const void *)getauxval(AT_RANDOM), sizeof seed);
+    seeded = 1;
+  }
   return sip_hash(seed, data, size);
 }
 
