@@ -1,0 +1,7 @@
+# A vendor's platform libraries, found below ZEM_PLATFORM_PREFIX.
+foreach(name vemocgi vemocore)
+  find_library(ZEM_${name}_LIBRARY NAMES ${name} PATHS "${ZEM_PLATFORM_PREFIX}" PATH_SUFFIXES lib
+               NO_DEFAULT_PATH REQUIRED)
+  add_library(${name} SHARED IMPORTED GLOBAL)
+  set_target_properties(${name} PROPERTIES IMPORTED_LOCATION "${ZEM_${name}_LIBRARY}")
+endforeach()
