@@ -77,9 +77,13 @@ for file in "$prefix"/lib/libzem.so "$prefix"/lib/libvemo*.so "$work"/build/prog
   ! readelf -lW "$file" | grep 'GNU_STACK' | grep 'E ' >/dev/null || fail "$file: executable stack"
   ! readelf -dW "$file" | grep -E 'RPATH|RUNPATH' >/dev/null || fail "$file: a search path"
   nm -D "$file" | grep '__stack_chk_fail' >/dev/null || fail "$file: no stack protector"
-  nm -D "$file" | grep -qE '_chk(@|$)' || fail "$file: not fortified"
+  nm -D "$file" | grep -E '_chk(@|$)' >/dev/null || fail "$file: not fortified"
 done
 for program in "$work"/build/programs/*.cgi; do
   readelf -h "$program" | grep 'DYN (Position-Independent' >/dev/null || fail "$program: not position-independent"
 done
-echo "1 package"
+echo "--- over a platform from elsewhere"
+cmake -S "$project" -B "$work/external" -DBUILD_TESTING=OFF -DZEM_PLATFORM=external \
+  -DZEM_PLATFORM_PREFIX="$prefix" >/dev/null
+cmake --build "$work/external" -j2 --target zem >/dev/null
+ldd "$work/external/cmake/libzem/libzem.so" | grep 'libvemocgi' >/dev/null || fail "the platform's library is not used"
