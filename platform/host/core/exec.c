@@ -20,8 +20,12 @@ static char *const child_environment[] = {
 static int set_attributes(posix_spawnattr_t *attributes) {
   sigset_t all, none;
 
-  sigfillset(&all);
   sigemptyset(&none);
+  sigemptyset(&all);
+  /* The two between are the C library's own, and are left to it. */
+  for (int number = 1; number <= SIGRTMAX; number++) {
+    if (number < 32 || number >= SIGRTMIN) sigaddset(&all, number);
+  }
   posix_spawnattr_setsigdefault(attributes, &all);
   posix_spawnattr_setsigmask(attributes, &none);
   return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
