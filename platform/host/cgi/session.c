@@ -173,7 +173,9 @@ static int read_as_root(const char *id, char **text, size_t *size, struct stat *
   path_of(id, path, sizeof path);
   *text = vemo_read_file(path, O_NOFOLLOW, RECORD_LIMIT, size, status);
   if (*text == NULL) {
-    return errno == ENOENT || errno == ELOOP || errno == EINVAL || errno == ENXIO ? 0 : -1;
+    return errno == ENOENT || errno == ELOOP || errno == EINVAL || errno == ENXIO || errno == EACCES
+               ? 0
+               : -1;
   }
   /* A record that somebody else could have written is none. */
   if (status->st_uid == 0 && (status->st_mode & 077) == 0) return 1;

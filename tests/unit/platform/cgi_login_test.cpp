@@ -97,7 +97,8 @@ TEST_F(CgiLogin, RefusesNamesThatAreTooLong) {
 TEST_F(CgiLogin, AnUnknownUserTakesAsLongAsAWrongPassword) {
   AddUser("lock", "lock-pass");
   Shell("usermod -L lock; useradd -M bare");
-  const auto median = [](const char* user) {
+  // The shortest of several: what else the machine does only adds to them.
+  const auto shortest = [](const char* user) {
     std::vector<double> times;
     for (int i = 0; i < 7; i++) {
       Forget();
@@ -107,12 +108,12 @@ TEST_F(CgiLogin, AnUnknownUserTakesAsLongAsAWrongPassword) {
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     }
     std::sort(times.begin(), times.end());
-    return times[3];
+    return times.front();
   };
-  const double known = median("mona");
+  const double known = shortest("mona");
   EXPECT_LT(known, 1.5) << "a delay of PAM's holds the process";
   for (const char* user : {"nobody-here", "lock", "bare", "daemon"}) {
-    const double other = median(user);
+    const double other = shortest(user);
     EXPECT_GT(other, known / 2) << user;
     EXPECT_LT(other, known * 2) << user;
   }
