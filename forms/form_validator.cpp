@@ -40,13 +40,14 @@ void FormValidator::AddNumberField(const char* name, int min, int max) {
 
 void FormValidator::AddStringList(const char* name, const char** values, int count) {
   std::list<std::string> copies;
-  for (int i = 0; values != nullptr && i < count; ++i) copies.emplace_back(Text(values[i]));
+  for (int i = 0; values != nullptr && i < count; ++i)
+    copies.emplace_back(Text(values[i]));
   Add(std::make_unique<StringListValidator>(Text(name), std::move(copies)));
 }
 
 void FormValidator::AddStringList(const char* name, const std::vector<std::string>& values) {
-  Add(std::make_unique<StringListValidator>(
-      Text(name), std::list<std::string>(values.begin(), values.end())));
+  Add(std::make_unique<StringListValidator>(Text(name),
+                                            std::list<std::string>(values.begin(), values.end())));
 }
 
 void FormValidator::AddIPV4(const char* name) {

@@ -60,8 +60,9 @@ Json::Value Welcome(WebMan& request) {
 int main() {
   WebMan request(true);
 
-  // No session guards a login: a page of another site must not log its visitor in.
-  if (!program::IsPost() || !program::IsFromThisSite() ||
+  // No session guards a login: a page of another site must not log its visitor in. The
+  // parameters of an upload stand in its URL, where no password belongs.
+  if (!program::IsPost() || !program::IsFromThisSite() || request.IsUploadRequest() ||
       program::Field(request, "action") != "login") {
     program::AnswerFailure(request, "common", "error_request");
     return 0;

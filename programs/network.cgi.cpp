@@ -22,15 +22,17 @@
 namespace {
 
 constexpr char kLockFile[] = "/run/vemo/network.lock";
+constexpr size_t kTextLimit = 1024;
 
 // Every field, and what it is before anybody has chosen.
-constexpr struct {
+struct Field {
   const char* name;
   const char* initial;
-} kFields[] = {
-    {"hostname", "nas"},       {"comment", ""},           {"mode", "dhcp"},
-    {"ip", "192.168.1.2"},     {"mask", "255.255.255.0"}, {"gateway", "192.168.1.1"},
-    {"mtu", "1500"},           {"speed", "1000"},         {"valid_from", "2024/01/01"},
+};
+constexpr Field kFields[] = {
+    {"hostname", "nas"},   {"comment", ""},           {"mode", "dhcp"},
+    {"ip", "192.168.1.2"}, {"mask", "255.255.255.0"}, {"gateway", "192.168.1.1"},
+    {"mtu", "1500"},       {"speed", "1000"},         {"valid_from", "2024/01/01"},
 };
 
 void DeclareFields(FormValidator& fields) {
@@ -69,10 +71,19 @@ class NetworkForm : public ServerFormHandler {
   void Mark(const char* field, const char* key);
   void CheckText(const char* field);
   void CheckHostname();
+  void CheckAddress(const char* field);
   void CheckGateway();
   bool Store();
   in_addr_t Address(const char* field);
 };
+
+std::string StoredKey(const Field& field) { return std::string("network_") + field.name; }
+
+// What was chosen, else the factory default, else what the program knows.
+const char* StoredValue(VemoConf& conf, const Field& field) {
+  const std::string key = StoredKey(field);
+  return conf.Info(key.c_str(), conf.Def(key.c_str(), field.initial));
+}
 
 bool NetworkForm::Process() {
   const std::string_view action = request().In("action", "");
@@ -84,10 +95,8 @@ bool NetworkForm::Process() {
 bool NetworkForm::Load() {
   VemoConf conf;
   Json::Value data(Json::objectValue);
-  for (const auto& field : kFields) {
-    const std::string key = std::string("network_") + field.name;
-    data[field.name] = conf.Info(key.c_str(), conf.Def(key.c_str(), field.initial));
-  }
+  for (const Field& field : kFields)
+    data[field.name] = StoredValue(conf, field);
   ReportSuccess(data);
   return true;
 }
@@ -98,16 +107,18 @@ void NetworkForm::Mark(const char* field, const char* key) {
   SetFieldInvalid(field, texts.Text(key, key));
 }
 
-// The configuration is made of lines: a control character would not come back as it
-// was.
+// The configuration is made of lines, and the answer is JSON: what would not come back
+// as it was sent is refused. The rules of the numbers, the dates and the addresses let
+// white space through, line breaks with it, so each field is looked at.
 void NetworkForm::CheckText(const char* field) {
   const char* text = request().In(field, "");
-  const bool plain = std::none_of(text, text + std::strlen(text), [](unsigned char c) {
-    return c < 0x20 || c == 0x7f;
-  });
+  const bool plain = std::none_of(text, text + std::strlen(text),
+                                  [](unsigned char c) { return c < 0x20 || c == 0x7f; });
   if (!plain) {
     Mark(field, "error_control_character");
-  } else if (std::strlen(text) > 1024) {
+  } else if (!program::IsUtf8(text)) {
+    Mark(field, "error_encoding");
+  } else if (std::strlen(text) > kTextLimit) {
     Mark(field, "error_field_too_long");
   }
 }
@@ -122,6 +133,11 @@ void NetworkForm::CheckHostname() {
   if (!good) Mark("hostname", "error_hostname");
 }
 
+// The rule of an address reads up to the first blank and does not mind the rest.
+void NetworkForm::CheckAddress(const char* field) {
+  if (std::strchr(request().In(field, ""), ' ') != nullptr) Mark(field, "error_address");
+}
+
 in_addr_t NetworkForm::Address(const char* field) {
   in_addr address = {};
   inet_aton(request().In(field, ""), &address);
@@ -134,34 +150,47 @@ void NetworkForm::CheckGateway() {
   }
 }
 
-// Each field by its rule first; what concerns several only when each is good.
+// Each field by its rule first, then what can be said of its text, then what concerns
+// several: a field gets one mark.
 bool NetworkForm::ValidateFields() {
   FormValidator fields;
   DeclareFields(fields);
   if (!fields.Validate(*this)) return false;
 
-  CheckText("comment");
-  CheckText("valid_from");
+  for (const Field& field : kFields)
+    CheckText(field.name);
+  if (HasInvalidFields()) return false;
+
   CheckHostname();
+  CheckAddress("ip");
+  CheckAddress("gateway");
+  if (HasInvalidFields()) return false;
+
+  // DHCP brings a gateway of its own; the other is kept for later.
   if (std::strcmp(request().In("mode", ""), "static") == 0) CheckGateway();
   return !HasInvalidFields();
 }
 
 // Everything was checked: what fails now is the system, and the fields that were
-// stored before are put back.
+// stored before are put back. A client that hangs up meanwhile changes nothing: all
+// fields are of one request.
 bool NetworkForm::Store() {
   VemoConf before;
-  for (size_t i = 0; i < std::size(kFields); ++i) {
-    const std::string key = std::string("network_") + kFields[i].name;
-    if (VLIBCINFOSetKeyValue(key.c_str(), request().In(kFields[i].name, "")) >= 0) continue;
-    while (i-- > 0) {
-      const std::string stored = std::string("network_") + kFields[i].name;
-      VLIBCINFOSetKeyValue(stored.c_str(), before.Info(stored.c_str(), kFields[i].initial));
-    }
-    SetFormErrInfo("common", "error_system", 0);
-    return false;
+  VLIBCSigtermHold();
+  size_t stored = 0;
+  while (stored < std::size(kFields) &&
+         VLIBCINFOSetKeyValue(StoredKey(kFields[stored]).c_str(),
+                              request().In(kFields[stored].name, "")) == 0) {
+    ++stored;
   }
-  return true;
+  const bool complete = stored == std::size(kFields);
+  while (!complete && stored-- > 0) {
+    const Field& field = kFields[stored];
+    VLIBCINFOSetKeyValue(StoredKey(field).c_str(), StoredValue(before, field));
+  }
+  VLIBCSigtermRelease();
+  if (!complete) SetFormErrInfo("common", "error_system", 0);
+  return complete;
 }
 
 bool NetworkForm::Apply() {

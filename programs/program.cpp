@@ -19,6 +19,24 @@ std::string_view HostOf(std::string_view origin) {
   return separator == std::string_view::npos ? "" : origin.substr(separator + 3);
 }
 
+bool IsWithin(unsigned char c, unsigned char low, unsigned char high) {
+  return c >= low && c <= high;
+}
+
+// The length of the character at `at` by the table of RFC 3629, section 4; 0 when there
+// is none. The NUL at the end is no continuation, so nothing behind it is read.
+size_t Utf8Size(const unsigned char* at) {
+  const unsigned char first = at[0];
+  if (first < 0x80) return 1;
+  if (IsWithin(first, 0xc2, 0xdf)) return IsWithin(at[1], 0x80, 0xbf) ? 2 : 0;
+  const unsigned char low = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
+  const unsigned char high = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
+  if (!IsWithin(first, 0xe0, 0xf4) || !IsWithin(at[1], low, high)) return 0;
+  if (!IsWithin(at[2], 0x80, 0xbf)) return 0;
+  if (first < 0xf0) return 3;
+  return IsWithin(at[3], 0x80, 0xbf) ? 4 : 0;
+}
+
 void Answer(WebMan& request, Json::Value& document) {
   QueuePrivateHeaders(request);
   request.WriteHeader("text/plain; charset=\"UTF-8\"");
@@ -41,7 +59,19 @@ std::string Field(WebMan& request, const char* name) {
   if (document == nullptr) return request.In(name, "");
   if (!document->isObject()) return "";
   const Json::Value* member = document->find(name, name + std::strlen(name));
-  return member != nullptr && member->isString() ? member->asString() : "";
+  if (member == nullptr || !member->isString()) return "";
+  const std::string text = member->asString();
+  return text.find('\0') == std::string::npos ? text : "";
+}
+
+bool IsUtf8(const char* text) {
+  const auto* at = reinterpret_cast<const unsigned char*>(text);
+  while (*at != 0) {
+    const size_t size = Utf8Size(at);
+    if (size == 0) return false;
+    at += size;
+  }
+  return true;
 }
 
 void QueuePrivateHeaders(WebMan& request) { request.AddHeader("Cache-Control", "no-store"); }

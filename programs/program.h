@@ -20,8 +20,13 @@ bool IsPost();
 bool IsFromThisSite();
 
 /// What the client sent as `name`: a member of the JSON document, or a parameter.
-/// Empty when it is missing or no text.
+/// Empty when it is missing, no text, or holds a NUL byte: the platform would see but
+/// what stands before it.
 std::string Field(WebMan& request, const char* name);
+
+/// Whether the text is well-formed UTF-8 (RFC 3629): no overlong forms, no surrogates,
+/// nothing above U+10FFFF.
+bool IsUtf8(const char* text);
 
 /// Queues the headers of answers that are for this caller alone.
 void QueuePrivateHeaders(WebMan& request);

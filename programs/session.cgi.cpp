@@ -35,8 +35,7 @@ int main() {
   // The check of a poll comes first: once it passed, the session was not touched. Only
   // the other kind of check writes the refusal, so a refused poll is asked again.
   const bool polled =
-      IsPoll(request) &&
-      request.CheckAuthorized(VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP, true) >= 1;
+      IsPoll(request) && request.CheckAuthorized(VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP, true) >= 1;
   if (!polled && !request.IsAuthorized(nullptr, VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP)) return 0;
   program::AnswerSuccess(request, Describe(request));
   return 0;

@@ -59,7 +59,8 @@ void StringBundle::Open(const char* directory, const char* section1, const char*
 void StringBundle::CacheParams(const char* section1, const char* section2, const char* section3,
                                const char* section4, const char* section5, const char* section6) {
   const char* sections[kSlots] = {section1, section2, section3, section4, section5, section6};
-  for (size_t i = 0; i < kSlots; ++i) Keep(slots[i], sections[i]);
+  for (size_t i = 0; i < kSlots; ++i)
+    Keep(slots[i], sections[i]);
 }
 
 int StringBundle::LoadText() {

@@ -60,9 +60,8 @@ class ZEM_EXPORT StringBundle : public VEMOCGI {
   const char* TextJscript(const char* key, const char* selector);
 
  private:
-  void Open(const char* directory, const char* section1, const char* section2,
-            const char* section3, const char* section4, const char* section5,
-            const char* section6);
+  void Open(const char* directory, const char* section1, const char* section2, const char* section3,
+            const char* section4, const char* section5, const char* section6);
   void FillIn(const char* key, const char* selector);
 };
 

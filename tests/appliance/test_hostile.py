@@ -1,20 +1,35 @@
 """Requests that no browser makes: the documented refusal, a normal end, nothing lost."""
 
+import re
 import time
 from pathlib import Path
+from urllib.parse import quote
 
 import pytest
-from conftest import Client, raw, snapshot
+from conftest import SESSIONS, Client, raw, snapshot
+
+
+COUNTERS = Path("/run/vemo/login")
+
+
+def names_elsewhere():
+    """What there is in the folders where a program could leave something by mistake."""
+    seen = {path for folder in ("/", "/root", "/home", "/var", "/var/tmp", "/tmp", "/dev/shm", "/var/log/vemo")
+            for path in Path(folder).iterdir()}
+    return seen | {path for path in Path("/run").rglob("*") if path.parent not in (SESSIONS, COUNTERS)}
 
 
 @pytest.fixture(autouse=True)
 def nothing_is_written_elsewhere(server, log):
+    names_elsewhere_before = names_elsewhere() | {Path("/run/vemo/network.lock")}
     before = snapshot("/etc", "/usr/vemo")
     yield
     assert snapshot("/etc", "/usr/vemo") == before
-    assert "ended unexpectedly" not in Path("/var/log/vemo/error.log").read_text()
+    assert names_elsewhere() - names_elsewhere_before == set()
+    assert all(re.fullmatch(r"[A-Za-z0-9_-]{43}", path.name) for path in SESSIONS.iterdir())
+    errors = Path("/var/log/vemo/error.log").read_text()
     # A program that a signal ends is reported by the web server.
-    assert "signal" not in Path("/var/log/vemo/error.log").read_text()
+    assert "ended unexpectedly" not in errors and "signal" not in errors
 
 
 def answered(client, body, *arguments):
@@ -66,8 +81,17 @@ def test_a_body_that_breaks_off(server):
 
 
 def test_a_thousand_cookies(alice):
-    alice.cookies = {**{f"c{i}": "x" for i in range(500)}, **alice.cookies}
+    alice.cookies = {**{f"{i:x}": "" for i in range(0xa00, 0xa00 + 999)}, **alice.cookies}
+    assert len(alice.cookies) == 1000
     assert alice.get("session").json["success"]
+
+
+@pytest.mark.parametrize("count, taken", [(9_998, True), (9_999, True), (10_000, False), (50_000, False)])
+def test_ten_thousand_parameters(admin, count, taken):
+    # The first ten thousand are read: an action behind the others among them, or not.
+    others = b"&".join(b"p%d=1" % i for i in range(count))
+    assert admin.post("network", b"action=load&" + others).json["success"]
+    assert admin.post("logout", others + b"&action=logout").json["success"] is taken
 
 
 def test_the_first_of_two_cookies_counts(alice):
@@ -86,8 +110,6 @@ def test_the_first_of_two_cookies_counts(alice):
 @pytest.mark.parametrize("text", ["a\r\nX-Evil: 1", "a\nX-Evil: 1", "a\rX-Evil: 1", "\0", "a" * 3000],
                          ids=lambda text: repr(text[:20]))
 def test_no_text_makes_a_header(client, text):
-    from urllib.parse import quote
-
     client.address = "127.0.7.3"
     for answer in (client.get("session", f"_sid={quote(text)}"),
                    client.get("session", f"_sharing_id={quote(text)}&VemoToken={quote(text)}"),
@@ -104,6 +126,64 @@ def test_other_methods_change_nothing(alice, method):
 
 def test_the_path_info_of_a_program(client):
     assert client.curl("/webman/session.cgi/../../etc/passwd").status in (400, 403, 404)
+
+
+def curl_chunked(client, program, body):
+    return client.post(program, body, "-H", "Transfer-Encoding: chunked")
+
+
+def test_a_chunked_body_counts_like_any_other(admin):
+    assert curl_chunked(admin, "network", b"action=load").json["data"]["hostname"]
+    assert curl_chunked(admin, "login", b"[" * 100_000).json["errinfo"]["key"] == "error_request"
+
+
+@pytest.mark.parametrize("request_bytes", [
+    b"Transfer-Encoding: chunked\r\n\r\nfffffffffffffffff\r\n", b"Transfer-Encoding: chunked\r\n\r\n-1\r\n",
+    b"Transfer-Encoding: chunked\r\n\r\n5\r\nab\r\n0\r\n\r\n", b"Content-Length: 99999999999999999999\r\n\r\n",
+    b"Content-Length: 2147483648\r\n\r\n", b"Content-Length: 0x10\r\n\r\n", b"Content-Length: 5 5\r\n\r\nabcde",
+], ids=lambda text: text.decode().strip().replace("\r\n", " ")[:40])
+def test_a_length_that_is_none(server, request_bytes):
+    answer = raw(b"POST /webman/login.cgi HTTP/1.1\r\nHost: a\r\n" + request_bytes, shutdown=True)
+    assert answer.split(b" ", 2)[1] in (b"400", b"413")
+
+
+# The form, by somebody who may use it.
+
+@pytest.mark.parametrize("body", [
+    b"[" * 1000 + b"]" * 1000, b"[" * 1001 + b"]" * 1001, b"[" * 100000, b'{"action":' * 100000,
+    b'{"action":"apply"}', b'{"action":["apply"]}', b"[]", b"null", b'"action=apply"', b"\xff\xfe=1", b"%",
+    b"action", b"action=", b"action=apply%00", b"action%00=apply", b"=apply", b"&action=%61pply%", b"action=APPLY",
+    b"action=load%0a", b"action=../apply", b"action=" + b"a" * 1_000_000,
+], ids=lambda body: repr(body[:20]))
+def test_a_request_that_is_no_form(admin, body):
+    answer = admin.post("network", body)
+    assert answer.json == {"success": False, "errinfo": {"sec": "common", "key": "error_request"}}
+
+
+GOOD = {"hostname": "box", "comment": "", "mode": "static", "ip": "10.0.0.2", "mask": "255.255.255.0",
+        "gateway": "10.0.0.1", "mtu": "1500", "speed": "1000", "valid_from": "2024/02/03"}
+HOSTILE = [b"../../etc/passwd", b"%00", b"a\r\nX-Evil: 1", b"\xff\xfe", b"%n%n%s", b"-x", b"$(id)", b"x" * 1_000_000,
+           b"{}", b"[1]", b"null", b"\x1b[31m", b"'\";--", b"9" * 400, b"-" * 400, b"1e9", b"0x10", b"\xe2\x80\xa8"]
+
+
+# Harmless there: names of hosts, and an address in short.
+HARMLESS = {("hostname", b"null"), ("hostname", b"1e9"), ("hostname", b"0x10"), ("gateway", b"0x10"), ("ip", b"0x10")}
+
+
+@pytest.mark.parametrize("field, value", [
+    (field, value) for field in GOOD if field != "comment" for value in HOSTILE if (field, value) not in HARMLESS
+], ids=lambda value: value if isinstance(value, str) else repr(value[:20]))
+def test_a_hostile_value_is_a_mark_under_its_field(admin, field, value):
+    fields = {"action": "apply", **GOOD}
+    pairs = [(k, quote(v)) for k, v in fields.items() if k != field] + [(field, value_of(value))]
+    answer = admin.post("network", "&".join("=".join(pair) for pair in pairs).encode())
+    assert answer.status == 200 and answer.json["success"] is False
+    assert list(answer.json["errors"]) == [field]
+    assert "x-evil" not in [name.lower() for name, _ in answer.headers]
+
+
+def value_of(value):
+    return value.decode() if value == b"%00" else quote(value)
 
 
 def test_a_large_query(alice):

@@ -62,7 +62,8 @@ static uint64_t sip_hash(const uint64_t seed[2], const void *data, size_t size) 
   sip_round(v);
   v[0] ^= last;
   v[2] ^= 0xff;
-  for (int i = 0; i < 3; i++) sip_round(v);
+  for (int i = 0; i < 3; i++)
+    sip_round(v);
   return v[0] ^ v[1] ^ v[2] ^ v[3];
 }
 

@@ -2,6 +2,7 @@
 #define VEMO_MAIL_H
 #include <vemo/core.h>
 VEMO_BEGIN
-int VEMOMailSendMessageWithoutBlock(const char *mail_template, const VEMOSZHASH *values, const char *recipient, const char *language);
+int VEMOMailSendMessageWithoutBlock(const char *mail_template, const VEMOSZHASH *values,
+                                    const char *recipient, const char *language);
 VEMO_END
 #endif

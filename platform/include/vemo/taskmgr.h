@@ -3,13 +3,13 @@
 #include <json/value.h>
 #include <string>
 namespace ZEM {
-class Task {                         // released with delete
+class Task {  // released with delete
  public:
   ~Task();
-  bool saveData();                   // writes data and flag; false: nothing changed on disk
-  bool remove();                     // true also when it is already gone
+  bool saveData();  // writes data and flag; false: nothing changed on disk
+  bool remove();    // true also when it is already gone
   Json::Value data;
-  int flag = 0;                      // 1: a document to keep (never reaped with finished tasks)
+  int flag = 0;  // 1: a document to keep (never reaped with finished tasks)
  private:
   friend class TaskMgr;
   Task(std::string user, std::string name);
@@ -17,11 +17,11 @@ class Task {                         // released with delete
 };
 class TaskMgr {
  public:
-  explicit TaskMgr(const char* user);
+  explicit TaskMgr(const char *user);
   ~TaskMgr();
-  bool hasTask(const char* name);
-  Task* getTask(const char* name);     // nullptr: none, or not readable
-  Task* createTask(const char* name);  // an existing one is opened; nullptr: refused
+  bool hasTask(const char *name);
+  Task *getTask(const char *name);     // nullptr: none, or not readable
+  Task *createTask(const char *name);  // an existing one is opened; nullptr: refused
  private:
   std::string user_;
 };

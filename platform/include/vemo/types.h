@@ -23,7 +23,9 @@
 
 #ifdef __cplusplus
 #define VEMO_BEGIN VEMO_VISIBLE_BEGIN extern "C" {
-#define VEMO_END } VEMO_VISIBLE_END
+#define VEMO_END \
+  }              \
+  VEMO_VISIBLE_END
 #else
 #define VEMO_BEGIN VEMO_VISIBLE_BEGIN
 #define VEMO_END VEMO_VISIBLE_END

@@ -10,12 +10,13 @@ typedef struct _tag_VEMOUSER {
   gid_t gid;
   enum vemo_user_kind kind;
 } VEMOUSER;
-int  VEMOUserGet(const char *name, VEMOUSER **user);               /* 0; -1 and *user = NULL */
+int VEMOUserGet(const char *name, VEMOUSER **user); /* 0; -1 and *user = NULL */
 void VEMOUserFree(VEMOUSER *user);
-int  VEMOUserLoginNameConvert(const char *typed, char *buffer, int size);   /* 1 converted, 0 as it is, -1 */
-int  VLIBUserRealNameGet(const char *name, char *buffer, int size);         /* 0; -1 */
-int  VEMOUserPreferenceDirGet(const char *user, char *buffer, int size);    /* 0 exactly; -1 */
-int  VEMOGroupPreferenceDirGet(const char *group, char *buffer, int size);  /* 0; -1 */
+int VEMOUserLoginNameConvert(const char *typed, char *buffer,
+                             int size);                            /* 1 converted, 0 as it is, -1 */
+int VLIBUserRealNameGet(const char *name, char *buffer, int size); /* 0; -1 */
+int VEMOUserPreferenceDirGet(const char *user, char *buffer, int size);   /* 0 exactly; -1 */
+int VEMOGroupPreferenceDirGet(const char *group, char *buffer, int size); /* 0; -1 */
 BOOL VEMOServiceUserHomeIsEnabled(enum vemo_user_kind kind);
 VEMO_END
 #endif

@@ -4,7 +4,8 @@
 VEMO_BEGIN
 BOOL VEMOWinsIsJoined(void);
 BOOL VEMOWinsADSJoined(void);
-int  VEMOWorkgroupGet(char *buffer, int size);                     /* length >= 0; -1 */
-int  VEMOWinsUserNameFqdn2Netbios(const char *name, char *buffer, int size);  /* 1 converted, 0 not known, -1 */
+int VEMOWorkgroupGet(char *buffer, int size); /* length >= 0; -1 */
+int VEMOWinsUserNameFqdn2Netbios(const char *name, char *buffer,
+                                 int size); /* 1 converted, 0 not known, -1 */
 VEMO_END
 #endif

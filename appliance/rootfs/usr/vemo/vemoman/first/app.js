@@ -54,7 +54,8 @@ async function send(program, fields) {
     options.body = new URLSearchParams(fields);
   }
   try {
-    return await (await fetch(url, options)).json();
+    const response = await fetch(url, options);
+    return { reason: response.headers.get("x-request-error"), ...await response.json() };
   } catch {
     return { success: false, errinfo: { sec: "common", key: "error_connection" } };
   }
@@ -104,11 +105,12 @@ function showLogin() {
   $("username").focus();
 }
 
-// A refusal names a section and a key; a session that is over leads to the login.
+// A refusal names a section and a key, and its reason in a header: whoever has no
+// session any more is led to the login, whoever has too few rights is not.
 function refused(answer) {
   const problem = answer.errno ?? answer.errinfo;
   say(problem?.key ?? "error_system", "bad");
-  if (answer.errno && answer.errno.key !== "error_noprivilege") showLogin();
+  if (answer.reason && answer.reason !== "noprivilege") showLogin();
 }
 
 async function showForm(user) {

@@ -1,0 +1,49 @@
+"""Who may do what: a row for each action of each program that is installed.
+
+A new program adds its rows here; without one the tests fail.
+"""
+
+from dataclasses import dataclass
+from pathlib import Path
+from urllib.parse import parse_qsl
+
+UNAUTH, NO_PRIVILEGE, OK = "unauth", "noprivilege", "ok"
+
+APPLY = ("action=apply&hostname=x&comment=&mode=dhcp&ip=10.1&mask=255.0.0.0&gateway=10.2&mtu=1500&speed=10"
+         "&valid_from=2024/1/1")
+
+
+@dataclass
+class Row:
+    """An action: how it is asked for, and what nobody, an ordinary user and an
+    administrator get, with the token and without: "ok" or the reason of the refusal."""
+
+    program: str
+    method: str
+    parameters: str
+    with_token: tuple
+    without_token: tuple
+
+    @property
+    def name(self):
+        return f"{self.program}-{self.fields.get('action', 'none')}-{self.method}"
+
+    @property
+    def fields(self):
+        return dict(parse_qsl(self.parameters, keep_blank_values=True))
+
+
+ROWS = [
+    Row("login", "POST", "action=login&username=alice&passwd=alice-demo", (OK, OK, OK), (OK, OK, OK)),
+    Row("logout", "POST", "action=logout", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("session", "GET", "", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("session", "GET", "poll=yes", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("session", "POST", "", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("network", "GET", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("network", "POST", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("network", "POST", APPLY, (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+]
+
+
+def installed():
+    return sorted(path.stem for path in Path("/usr/vemo/vemoman/webman").glob("*.cgi"))
