@@ -1,9 +1,22 @@
+/*
+ * vemo/ea.h - hidden metadata directories. See vemo/core.h for the conventions.
+ */
 #ifndef VEMO_EA_H
 #define VEMO_EA_H
+
 #include <vemo/types.h>
+
 VEMO_BEGIN
+
+/* Whether a name is the platform's own within a share ("@eaDir", "@tmp", "lost+found"); for
+ * an entry of a listing "." and ".." too. Compared exactly. */
 BOOL VEMOEAIsHiddenDir(const char *name);
 BOOL VEMOEAIsHiddenFile(const char *name);
-int VEMOEAMKDir(int reserved, const char *path); /* 0, also when it exists; -1 */
+
+/* Makes a metadata directory: mode 0755, root's. 0, also when it is there; -1 when a link or a
+ * file stands in its place (VEMOERR_PATH_REFUSED) and on other failures (VEMOERR_NO_PERM).
+ * `reserved` is 0. */
+int VEMOEAMKDir(int reserved, const char *path);
+
 VEMO_END
 #endif

@@ -1,23 +1,48 @@
+/*
+ * vemo/share.h - shared folders. See vemo/core.h for the conventions.
+ */
 #ifndef VEMO_SHARE_H
 #define VEMO_SHARE_H
+
 #include <vemo/types.h>
+
 VEMO_BEGIN
-enum { VEMOSHARE_STATUS_ENCRYPTED = 2 };
-enum { VEMOSHARE_NO_LIST = 1, VEMOSHARE_NO_DOWNLOAD = 4 };
+
+enum { VEMOSHARE_STATUS_ENCRYPTED = 2 };                   /* bit of `status` */
+enum { VEMOSHARE_NO_LIST = 1, VEMOSHARE_NO_DOWNLOAD = 4 }; /* bits of `restrictions` */
 enum { VEMOSHARE_PRIV_NONE = 0, VEMOSHARE_PRIV_RO = 1, VEMOSHARE_PRIV_RW = 2 };
+
 typedef struct _tag_VEMOSHARE {
-  char *name;                     /* as written in the configuration */
-  char *path;                     /* absolute, no trailing slash */
-  unsigned int status;            /* bit 1 (value 2): encrypted */
-  int restrictions;               /* bit 0: no listing, bit 2: no download */
-  struct vemo_share_state *state; /* the section, private */
+  char *name; /* as written in the configuration */
+  char *path; /* absolute, no slash at the end */
+  unsigned int status;
+  int restrictions;
+  struct vemo_share_state *state; /* private */
 } VEMOSHARE;
-int VEMOShareGet(const char *name, VEMOSHARE **share); /* 0; -1 and *share = NULL */
-void VEMOShareFree(VEMOSHARE *share);                  /* NULL allowed */
+
+/* The share of this name, without regard to ASCII case. 0, and the record in `*share`,
+ * released with VEMOShareFree; -1 and NULL (VEMOERR_NO_SHARE). The virtual share "homes"
+ * is there while the home service is on. */
+int VEMOShareGet(const char *name, VEMOSHARE **share);
+
+void VEMOShareFree(VEMOSHARE *share); /* NULL allowed */
+
+/* The share in which a real path lies: the one whose path is the longest prefix that ends
+ * at a component. 0, and its name and path in the buffers (sizes in bytes, NUL included); -1
+ * (VEMOERR_NO_SHARE; VEMOERR_PATH_REFUSED for a path with "." or ".." parts). */
 int VEMOShareNamePathGet(const char *path, char *name, int name_size, char *share_path,
                          int share_path_size);
+
+/* What the user may do in the share: VEMOSHARE_PRIV_NONE, _RO or _RW; -1 for an unknown user
+ * (VEMOERR_NO_USER). */
 int VEMOShareUserPrivGet(const char *user, const VEMOSHARE *share);
+
+/* Where the platform keeps data of its own on a volume. 0; -1 when it is none any more
+ * (VEMOERR_NO_VOLUME). */
 int VEMOShareBinPathGet(const char *volume, char *buffer, int size);
+
+/* Whether the share hides what a user cannot read: 1 or 0 in `*hide`. 0; -1, errno kept. */
 int VLIBShareHideUnreadableGet(const VEMOSHARE *share, int *hide);
+
 VEMO_END
 #endif
