@@ -44,6 +44,11 @@ static int code_of_errno(int error) {
   }
 }
 
+void vemo_fail_as(int error, int code, const char *file, int line) {
+  VLIBCErrSetEx(code, file, line);
+  errno = error;
+}
+
 void vemo_fail_errno(const char *file, int line) {
   VLIBCErrSetEx(code_of_errno(errno), file, line);
 }

@@ -31,12 +31,24 @@ static int set_attributes(posix_spawnattr_t *attributes) {
   return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
+/* A web server that ignores SIGCHLD hands that on, and the kernel then keeps no exit status. */
+static void want_exit_statuses(void) {
+  struct sigaction action;
+
+  if (sigaction(SIGCHLD, NULL, &action) != 0) return;
+  if (action.sa_handler != SIG_IGN && (action.sa_flags & SA_NOCLDWAIT) == 0) return;
+  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
+  action.sa_flags &= ~SA_NOCLDWAIT;
+  sigaction(SIGCHLD, &action, NULL);
+}
+
 /* Starts the program with `in` and `out` (-1: /dev/null). Its process id; -1. */
 static pid_t start(const char *program, char *const argv[], int in, int out) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   pid_t child = -1;
 
+  want_exit_statuses();
   int error = posix_spawn_file_actions_init(&actions);
   if (error != 0) goto failed;
   error = posix_spawnattr_init(&attributes);
@@ -80,8 +92,7 @@ static int wait_for(pid_t child) {
 
 int VLIBCExecv(const char *program, char *const argv[]) {
   if (program == NULL || *program == '\0' || argv == NULL || argv[0] == NULL) {
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   const pid_t child = start(program, argv, -1, -1);
@@ -112,8 +123,7 @@ int VLIBCExec(const char *program, ...) {
   va_list list;
 
   if (program == NULL || *program == '\0') {
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   va_start(list, program);
@@ -144,23 +154,22 @@ static FILE *start_piped(const char *program, char *const argv[], int reading, s
   const int ours = reading ? ends[0] : ends[1];
   const int theirs = reading ? ends[1] : ends[0];
   entry->child = start(program, argv, reading ? -1 : theirs, reading ? theirs : -1);
-  const int kept = errno;
+  int kept = errno;
   close(theirs);
   entry->stream = entry->child < 0 ? NULL : fdopen(ours, reading ? "r" : "w");
-  if (entry->stream == NULL) {
-    close(ours);
-    if (entry->child >= 0) wait_for(entry->child);
-    errno = kept;
-  }
-  return entry->stream;
+  if (entry->stream != NULL) return entry->stream;
+  if (entry->child >= 0) kept = errno;
+  close(ours);
+  if (entry->child >= 0) wait_for(entry->child);
+  VEMO_FAIL_AS(kept, VEMOERR_IO);
+  return NULL;
 }
 
 FILE *VLIBCPopen(const char *program, const char *mode, ...) {
   va_list list;
 
   if (program == NULL || *program == '\0' || mode == NULL || (*mode != 'r' && *mode != 'w')) {
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return NULL;
   }
   va_start(list, mode);
@@ -189,8 +198,7 @@ int VLIBCPclose(FILE *stream) {
   while (*link != NULL && (*link)->stream != stream)
     link = &(*link)->next;
   if (stream == NULL || *link == NULL) {
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   struct pipe *entry = *link;

@@ -12,7 +12,7 @@ BOOL VLIBCFileExist(const char *path) {
   struct stat status;
 
   if (path == NULL || *path == '\0') {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return FALSE;
   }
   return lstat(path, &status) == 0;
@@ -22,7 +22,7 @@ BOOL VLIBCFileCheckDir(const char *path) {
   struct stat status;
 
   if (path == NULL || *path == '\0') {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return FALSE;
   }
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
@@ -47,7 +47,7 @@ int VLIBCFileEnumDir(const char *dir, int flags, VEMOSZLIST *names, int reserved
   (void)flags;
   (void)reserved;
   if (dir == NULL || *dir == '\0' || names == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   const int count = scandir(dir, &entries, is_entry, by_bytes);
@@ -91,8 +91,7 @@ char *vemo_read_file(const char *path, int flags, size_t limit, size_t *size,
   }
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
       (unsigned long long)status.st_size > limit) {
-    VEMO_FAIL(VEMOERR_FORMAT);
-    errno = EINVAL;
+    VEMO_FAIL_AS(EINVAL, VEMOERR_FORMAT);
   } else if ((buffer = malloc((size_t)status.st_size + 1)) == NULL) {
     VEMO_FAIL(VEMOERR_NO_MEMORY);
   } else if ((got = read_all(fd, buffer, (size_t)status.st_size)) < 0) {
@@ -137,6 +136,13 @@ static void sync_directory_of(const char *path) {
   close(fd);
 }
 
+static void unlink_quietly(const char *path) {
+  const int kept = errno;
+
+  unlink(path);
+  errno = kept;
+}
+
 static int write_temporary(const char *temporary, const void *data, size_t size, mode_t mode,
                            uid_t uid, gid_t gid) {
   const int fd = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -144,25 +150,23 @@ static int write_temporary(const char *temporary, const void *data, size_t size,
   if (fd < 0) return -1;
   const int chowned =
       (uid == (uid_t)-1 && gid == (gid_t)-1) || geteuid() != 0 || fchown(fd, uid, gid) == 0;
-  if (!chowned || fchmod(fd, mode) != 0 || write_all(fd, data, size) != 0 || fsync(fd) != 0) {
-    const int kept = errno;
-    close(fd);
-    unlink(temporary);
-    errno = kept;
-    return -1;
-  }
-  return close(fd);
+  const int written =
+      chowned && fchmod(fd, mode) == 0 && write_all(fd, data, size) == 0 && fsync(fd) == 0;
+  const int kept = errno;
+  const int closed = close(fd) == 0;
+  if (written && closed) return 0;
+  if (!written) errno = kept;
+  unlink_quietly(temporary);
+  return -1;
 }
 
 int vemo_write_file_as(const char *path, const char *temporary, const void *data, size_t size,
                        mode_t mode, uid_t uid, gid_t gid) {
-  VLIBCSigtermHold();
+  if (VLIBCSigtermHold() != 0) return -1;
   unlink(temporary); /* of a writer that was killed */
   int result = write_temporary(temporary, data, size, mode, uid, gid);
   if (result == 0 && rename(temporary, path) != 0) {
-    const int kept = errno;
-    unlink(temporary);
-    errno = kept;
+    unlink_quietly(temporary);
     result = -1;
   }
   if (result != 0) {
@@ -186,8 +190,7 @@ int vemo_write_file(const char *path, const void *data, size_t size, mode_t mode
   if (vemo_base64url(salt, sizeof salt, name, sizeof name) < 0) return -1;
   const int length = snprintf(temporary, sizeof temporary, "%.*s.#new.%s", directory, path, name);
   if (length < 0 || (size_t)length >= sizeof temporary) {
-    errno = ENAMETOOLONG;
-    VEMO_FAIL(VEMOERR_TOO_LONG);
+    VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
     return -1;
   }
   return vemo_write_file_as(path, temporary, data, size, mode, (uid_t)-1, (gid_t)-1);

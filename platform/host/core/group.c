@@ -9,7 +9,9 @@
 
 static const char admin_group[] = "administrators";
 
-/* Asks the name service with a buffer that grows until the record fits. */
+/* Asks the name service with a buffer that grows until the record fits. ENOENT: no such record;
+ * any other error is the service's. A service that cannot be reached leaves errno as it was,
+ * so it is preset. */
 static int find_user(const char *user, uid_t *uid, gid_t *gid) {
   struct passwd record, *found = NULL;
   int error = ERANGE;
@@ -17,6 +19,7 @@ static int find_user(const char *user, uid_t *uid, gid_t *gid) {
   for (size_t size = 1024; error == ERANGE && size <= (1u << 24); size *= 4) {
     char *buffer = malloc(size);
     if (buffer == NULL) return ENOMEM;
+    errno = EIO;
     error = getpwnam_r(user, &record, buffer, size, &found);
     if (error == 0 && found != NULL) {
       *uid = record.pw_uid;
@@ -24,8 +27,8 @@ static int find_user(const char *user, uid_t *uid, gid_t *gid) {
     }
     free(buffer);
   }
-  if (error == 0 && found == NULL) return ENOENT;
-  return error;
+  if (error == 0) return found == NULL ? ENOENT : 0;
+  return error == ENOENT ? EIO : error; /* the service's own files are missing */
 }
 
 static int find_admin_group(gid_t *gid) {
@@ -35,12 +38,13 @@ static int find_admin_group(gid_t *gid) {
   for (size_t size = 1024; error == ERANGE && size <= (1u << 26); size *= 4) {
     char *buffer = malloc(size);
     if (buffer == NULL) return ENOMEM;
+    errno = EIO;
     error = getgrnam_r(admin_group, &record, buffer, size, &found);
     if (error == 0 && found != NULL) *gid = record.gr_gid;
     free(buffer);
   }
-  if (error == 0 && found == NULL) return ENOENT;
-  return error;
+  if (error == 0) return found == NULL ? ENOENT : 0;
+  return error == ENOENT ? EIO : error; /* the service's own files are missing */
 }
 
 /* getgrouplist also sees nested groups of a domain, which no member list shows. */
@@ -69,14 +73,14 @@ static int is_admin(const char *user) {
   gid_t primary, group;
 
   int error = find_user(user, &uid, &primary);
-  if (error == ENOENT || error == ESRCH) {
-    VEMO_FAIL(VEMOERR_NO_USER);
+  if (error == ENOENT) {
+    VEMO_FAIL_AS(ENOENT, VEMOERR_NO_USER);
     return -1;
   }
   if (error != 0) goto no_service;
   if (uid == 0) return 1;
   error = find_admin_group(&group);
-  if (error == ENOENT || error == ESRCH) return 0;
+  if (error == ENOENT) return 0;
   if (error != 0) goto no_service;
   const int member = is_in_group(user, primary, group);
   if (member < 0) {
@@ -85,8 +89,7 @@ static int is_admin(const char *user) {
   return member;
 
 no_service:
-  errno = error;
-  VEMO_FAIL(VEMOERR_NO_SERVICE);
+  VEMO_FAIL_AS(error, VEMOERR_NO_SERVICE);
   return -1;
 }
 
@@ -101,7 +104,7 @@ static struct answer *answers;
 int VLIBGroupIsAdminGroupMem(const char *user, int reserved) {
   (void)reserved;
   if (user == NULL || *user == '\0') {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   for (const struct answer *known = answers; known != NULL; known = known->next) {

@@ -165,7 +165,7 @@ int vemo_hash_set(VEMOSZHASH *hash, const char *key, size_t key_size, const char
 
 int VLIBCSzHashSetValue(VEMOSZHASH *hash, const char *key, const char *value) {
   if (hash == NULL || key == NULL || value == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   return vemo_hash_set(hash, key, strlen(key), value, strlen(value), 0);

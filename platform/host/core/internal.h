@@ -5,6 +5,7 @@
 #ifndef VEMO_HOST_CORE_INTERNAL_H
 #define VEMO_HOST_CORE_INTERNAL_H
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/stat.h>
@@ -19,6 +20,13 @@ VEMO_BEGIN
 /* Records the code that stands for an errno of a file operation; keeps errno. */
 void vemo_fail_errno(const char *file, int line);
 #define VEMO_FAIL_ERRNO() vemo_fail_errno(__FILE__, __LINE__)
+
+/* Records `code`, and leaves `error` in errno for a message's %m. */
+void vemo_fail_as(int error, int code, const char *file, int line);
+#define VEMO_FAIL_AS(error, code) vemo_fail_as((error), (code), __FILE__, __LINE__)
+
+/* An argument that is missing or malformed. */
+#define VEMO_FAIL_PARAM() VEMO_FAIL_AS(EINVAL, VEMOERR_BAD_PARAM)
 
 /* --- Memory that is released all at once --------------------------------- */
 

@@ -75,8 +75,7 @@ char *vemo_keyvalue_text(const char *file, int flags, size_t *size, struct stat 
   if (text == NULL) return NULL;
   if (!is_readable(text, *size)) {
     free(text);
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_FORMAT);
+    VEMO_FAIL_AS(EINVAL, VEMOERR_FORMAT);
     return NULL;
   }
   return text;
@@ -158,9 +157,13 @@ static struct cached *read_entry(const char *file) {
   if (text == NULL) goto failed;
   vemo_stamp_set(&entry->stamp, &status);
   entry->sum = vemo_hash_bytes(text, size);
-  entry->file = strdup(file);
   entry->pairs = VLIBCSzHashAlloc(64);
-  if (entry->file == NULL || entry->pairs == NULL) goto failed;
+  if (entry->pairs == NULL) goto failed;
+  entry->file = strdup(file);
+  if (entry->file == NULL) {
+    VEMO_FAIL(VEMOERR_NO_MEMORY);
+    goto failed;
+  }
   entry->count = store_pairs(text, size, entry->pairs);
   if (entry->count < 0) goto failed;
   free(text);
@@ -207,7 +210,7 @@ const VEMOSZHASH *vemo_keyvalue_cached(const char *file) {
 
 int VLIBCFileGetKeyValue(const char *file, const char *key, char *buffer, int size) {
   if (file == NULL || *file == '\0' || key == NULL || *key == '\0' || buffer == NULL || size < 1) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   const VEMOSZHASH *pairs = vemo_keyvalue_cached(file);
@@ -223,7 +226,7 @@ int VLIBCFileGetKeyValue(const char *file, const char *key, char *buffer, int si
 int VLIBCFileCheckKeyValue(const char *file, const char *key, const char *value, int flags) {
   (void)flags;
   if (file == NULL || *file == '\0' || key == NULL || *key == '\0' || value == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   const VEMOSZHASH *pairs = vemo_keyvalue_cached(file);
@@ -236,7 +239,7 @@ int VLIBCFileGetPair(const char *file, VEMOSZHASH *hash) {
   size_t size;
 
   if (file == NULL || *file == '\0' || hash == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   char *text = vemo_keyvalue_text(file, 0, &size, NULL);

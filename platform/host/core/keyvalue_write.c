@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "core/internal.h"
 #include "core/keyvalue.h"
@@ -82,8 +83,7 @@ static int beside(char *buffer, size_t size, const char *file, const char *suffi
   const int length = snprintf(buffer, size, "%s%s", file, suffix);
 
   if (length < 0 || (size_t)length >= size) {
-    errno = ENAMETOOLONG;
-    VEMO_FAIL(VEMOERR_TOO_LONG);
+    VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
     return -1;
   }
   return 0;
@@ -116,8 +116,7 @@ int VLIBCFileSetKeyValue(const char *file, const char *key, const char *value) {
   int fd;
 
   if (file == NULL || *file == '\0' || !is_storable(key, value)) {
-    errno = EINVAL;
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   if (beside(lock, sizeof lock, file, ".lock") != 0) return -1;
@@ -125,9 +124,12 @@ int VLIBCFileSetKeyValue(const char *file, const char *key, const char *value) {
   int result = -1;
   if (VLIBCFileLockTimeByFile(lock, 1, LOCK_SECONDS, &fd)) {
     result = rewrite(file, key, value);
+    /* Still the holder, and the lock's name is still this file: records that come and go leave
+     * nothing behind. */
     const int kept = errno;
-    VLIBCFileUnlockByFile(fd);
+    unlink(lock);
     errno = kept;
+    VLIBCFileUnlockByFile(fd);
   }
   VLIBCSigtermRelease();
   return result;

@@ -57,7 +57,7 @@ no_memory:
 
 int VLIBCSzListPush(VEMOSZLIST **list, const char *text) {
   if (list == NULL || *list == NULL || text == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   return push(*list, text, strlen(text));
@@ -67,7 +67,7 @@ int VLIBCStrTok(const char *text, const char *delimiters, VEMOSZLIST *list) {
   int count = 0;
 
   if (text == NULL || delimiters == NULL || list == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return -1;
   }
   for (;;) {

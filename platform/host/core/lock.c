@@ -43,10 +43,11 @@ static int still_named(int fd, const char *path) {
 BOOL VLIBCFileLockTimeByFile(const char *path, int exclusive, int seconds, int *fd) {
   if (fd != NULL) *fd = -1;
   if (path == NULL || *path == '\0' || fd == NULL) {
-    VEMO_FAIL(VEMOERR_BAD_PARAM);
+    VEMO_FAIL_PARAM();
     return FALSE;
   }
   const long long deadline = milliseconds() + (long long)seconds * 1000;
+  int late = 0;
   for (;;) {
     const int file = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
     if (file < 0) {
@@ -65,11 +66,18 @@ BOOL VLIBCFileLockTimeByFile(const char *path, int exclusive, int seconds, int *
       return TRUE;
     }
     close(file);
+    /* Holders that keep replacing the file do not extend the time. */
+    if (milliseconds() >= deadline && ++late > 1) {
+      VEMO_FAIL_AS(EWOULDBLOCK, VEMOERR_BUSY);
+      return FALSE;
+    }
   }
 }
 
 void VLIBCFileUnlockByFile(int fd) {
   if (fd < 0) return;
+  const int kept = errno;
   flock(fd, LOCK_UN);
   close(fd);
+  errno = kept;
 }

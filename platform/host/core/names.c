@@ -23,13 +23,13 @@ int vemo_name_part(const char *name, char *buffer, size_t size) {
   size_t used = 0;
 
   if (is_refused(name)) {
-    VEMO_FAIL(VEMOERR_PATH_REFUSED);
+    VEMO_FAIL_AS(EINVAL, VEMOERR_PATH_REFUSED);
     return -1;
   }
   for (const char *c = name; *c != '\0'; c++) {
     const int plain = is_plain(*c) && !(c == name && *c == '.');
     if (used + (plain ? 1 : 3) > NAME_LIMIT || used + (plain ? 1 : 3) >= size) {
-      VEMO_FAIL(VEMOERR_TOO_LONG);
+      VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
       return -1;
     }
     if (plain) {

@@ -30,7 +30,7 @@ int vemo_base64url(const void *data, size_t size, char *buffer, size_t buffer_si
   size_t used = 0;
 
   if (length >= buffer_size) {
-    VEMO_FAIL(VEMOERR_TOO_LONG);
+    VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
     return -1;
   }
   for (size_t i = 0; i < size; i++) {
