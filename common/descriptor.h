@@ -20,7 +20,10 @@ class Descriptor {
     errno = kept;
   }
   Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
 
   explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }

@@ -24,6 +24,25 @@ bool ParseJson(const char* text, std::size_t size, JsonComments comments, Json::
   }
 }
 
+bool ParseJsonInto(const char* text, std::size_t size, Json::Value& value, std::string* error) {
+  try {
+    Json::Reader reader;
+    if (reader.parse(text, text + size, value, false)) return true;
+    if (error != nullptr) *error = reader.getFormattedErrorMessages();
+  } catch (const std::exception& exception) {
+    if (error != nullptr) *error = exception.what();
+  }
+  return false;
+}
+
+std::string CompactJson(const Json::Value& value) {
+  try {
+    return Json::FastWriter().write(value);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 std::string StyledJson(const Json::Value& value) {
   try {
     return Json::StyledWriter().write(value);

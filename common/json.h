@@ -21,6 +21,17 @@ enum class JsonComments { kSkip, kCollect };
 ///     levels, where it throws).
 bool ParseJson(const char* text, std::size_t size, JsonComments comments, Json::Value& value);
 
+/// The same, without comments, straight into `value`: after a failure it holds whatever
+/// the reader had built by then, as it was for a text without any value.
+/// \param error when not null, gets the reader's messages for people, each with its
+///     line and column, after a failure.
+bool ParseJsonInto(const char* text, std::size_t size, Json::Value& value,
+                   std::string* error = nullptr);
+
+/// The document as compact text of one line, ending in a line feed. Empty when there is
+/// no memory.
+std::string CompactJson(const Json::Value& value);
+
 /// The document as indented text of several lines, ending in a line feed; an
 /// object's members stand in name order. Empty when there is no memory.
 std::string StyledJson(const Json::Value& value);

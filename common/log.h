@@ -14,6 +14,10 @@
 #define ZEM_LOG(format, source, ...) \
   syslog(LOG_ERR, format, source, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
+/// The same in the form with the function's name: the format begins with "%s:%s(%d)".
+#define ZEM_LOG_IN(format, source, function, ...) \
+  syslog(LOG_ERR, format, source, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 /// The platform's account of its last failure, appended to a message.
 #define ZEM_LOG_PLATFORM_FORMAT "[0x%04X %s:%d]"
 #define ZEM_LOG_PLATFORM_ARGS \

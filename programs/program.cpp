@@ -5,8 +5,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/json.h"
+
 namespace program {
 namespace {
+
+constexpr size_t kDocumentLimit = 1 << 20;
 
 std::string_view Environment(const char* name) {
   const char* value = std::getenv(name);
@@ -62,6 +66,24 @@ std::string Field(WebMan& request, const char* name) {
   if (member == nullptr || !member->isString()) return "";
   const std::string text = member->asString();
   return text.find('\0') == std::string::npos ? text : "";
+}
+
+bool Document(WebMan& request, const char* name, Json::Value& document) {
+  const Json::Value* sent = request.In();
+  if (sent == nullptr) {
+    const std::string_view text = request.In(name, "");
+    return zem::ParseJson(text.data(), text.size(), zem::JsonComments::kSkip, document);
+  }
+  const Json::Value* member =
+      sent->isObject() ? sent->find(name, name + std::strlen(name)) : nullptr;
+  if (member == nullptr) return false;
+  document = *member;
+  return true;
+}
+
+bool FitsDocument(const Json::Value& document) {
+  const std::string text = zem::CompactJson(document);
+  return !text.empty() && text.size() <= kDocumentLimit;
 }
 
 bool IsUtf8(const char* text) {

@@ -24,6 +24,13 @@ bool IsFromThisSite();
 /// what stands before it.
 std::string Field(WebMan& request, const char* name);
 
+/// The document that the client sent as `name`: a member of the JSON document, of any
+/// kind, or a parameter whose text is JSON. \return false when there is none.
+bool Document(WebMan& request, const char* name, Json::Value& document);
+
+/// Whether a document that a user stores is of a size that is kept: 1 MiB as text.
+bool FitsDocument(const Json::Value& document);
+
 /// Whether the text is well-formed UTF-8 (RFC 3629): no overlong forms, no surrogates,
 /// nothing above U+10FFFF.
 bool IsUtf8(const char* text);

@@ -230,6 +230,71 @@ class ZEM_EXPORT WebMan {
   bool IsLoginedDefaultUser();
   /// @}
 
+  /// \name Settings
+  /// JSON documents of the login user and of the administrators, kept through
+  /// `WebUtils::LoadJsonFile` and `WebUtils::SaveJsonFile`; their limits hold here.
+  /// @{
+
+  /// The login user's preference directory, without a slash at the end; "/tmp" when
+  /// the platform knows none, so that the path is never empty.
+  std::string GetPreferenceDir();
+  /// The same for a group.
+  std::string GetGroupPreferenceDir(const char* group);
+
+  /// Reads the login user's settings, from the file "usersettings", and into their
+  /// member "BackgroundTask" the background tasks, from the file "bkgtask". The member
+  /// is there afterwards in any case, an empty object where there are none. A document
+  /// that is no object is dropped for one.
+  /// \return whether "usersettings" was read; a missing "bkgtask" is no failure.
+  bool loadUserJsonSettings(Json::Value& settings);
+
+  /// Stores the login user's settings: the member "BackgroundTask", when there is one,
+  /// in "bkgtask", as the user that the process acts as; the rest in "usersettings", as
+  /// root where the process may. The two stay apart because the tasks change often and
+  /// by the user's own processes.
+  /// \param settings loses its member "BackgroundTask".
+  /// \return whether every file was opened for writing.
+  bool saveUserJsonSettings(Json::Value& settings);
+
+  /// Reads and stores the settings that the administrators share. \return false, and
+  /// no file is touched, for a login user who is no administrator.
+  bool loadGroupJsonSettings(Json::Value& settings);
+  bool saveGroupJsonSettings(Json::Value& settings);
+
+  /// The time of the last change of a group's settings, in seconds since the epoch.
+  /// \return false, and `mtime` as it was, when there are none; any other reason is
+  ///     logged.
+  bool getGrpJsonSettingMtime(const char* group, unsigned long long& mtime);
+
+  /// Documents that a module keeps for the login user, each under a name.
+  bool IsModuleDataExist(const char* name);
+  /// \return false, and `data` as it was, when there is none or it cannot be read.
+  bool ReadModuleData(const char* name, Json::Value& data);
+  /// \return whether it was stored; when not, what was there before still is.
+  bool WriteModuleData(const char* name, Json::Value& data);
+  /// \return true when it was removed, false when there was none.
+  bool RemoveModuleData(const char* name);
+  /// @}
+
+  /// \name Identity
+  /// A program starts as root, and acts as the login user once the request is
+  /// authorized, so that the kernel checks every file for that user. Members of the
+  /// group "administrators" act as user 0, with their own group. The group is switched
+  /// before the user. Each returns 0, or -1, logged to the authorization log, and the
+  /// process keeps what it has reached: give up then.
+  /// @{
+
+  /// The effective group of a session's user. What setegid() says is not looked at.
+  static int SetEGid(const char* sessionId, const char* user);
+  /// The effective user. What seteuid() says is not looked at.
+  static int SetEUid(const char* sessionId, const char* user);
+  /// Supplementary groups, effective group and effective user of the login user; can
+  /// be taken back. Supplementary groups that cannot be set are logged only.
+  int setEUGID();
+  /// The same for good: the real and saved ids too.
+  int setUGID();
+  /// @}
+
   /// Whether the request carries an upload (multipart/form-data).
   bool IsUploadRequest();
 
@@ -240,6 +305,8 @@ class ZEM_EXPORT WebMan {
   int RecordLogin(int result, const _tag_login_params* params);
   void TakeSessionIdParameter();
   void WriteRefusal(int code);
+  int SwitchIdentity(int (*setGroup)(const char*, const char*),
+                     int (*setUser)(const char*, const char*));
 
   bool loaded_;
   VEMOCGI context_;

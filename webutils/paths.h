@@ -5,6 +5,8 @@
 
 namespace zem {
 
+inline constexpr char kWebutilsSource[] = "webutils";
+
 /// The factory defaults, key="value" lines.
 inline constexpr char kDefaultsFile[] = "/etc.defaults/vemoinfo.conf";
 

@@ -23,6 +23,7 @@ class Row:
     parameters: str
     with_token: tuple
     without_token: tuple
+    first: str = ""  # what is posted before, with the token
 
     @property
     def name(self):
@@ -42,6 +43,18 @@ ROWS = [
     Row("network", "GET", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
     Row("network", "POST", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("network", "POST", APPLY, (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("usersettings", "GET", "action=load", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("usersettings", "POST", 'action=apply&settings={"x":1}', (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("groupsettings", "GET", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("groupsettings", "GET", "action=get", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("groupsettings", "POST", 'action=apply&settings={"x":1}', (UNAUTH, NO_PRIVILEGE, OK),
+        (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("moduledata", "GET", "action=list", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("moduledata", "POST", "action=write&name=x&data=1", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("moduledata", "GET", "action=get&name=x", (UNAUTH, OK, OK), (UNAUTH, OK, OK),
+        first="action=write&name=x&data=1"),
+    Row("moduledata", "POST", "action=remove&name=x", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH),
+        first="action=write&name=x&data=1"),
 ]
 
 

@@ -35,6 +35,8 @@ KINDS = {
 def logged_in(who="admin"):
     client = Client()
     assert client.login(who).json["success"]
+    for program in ("usersettings", "groupsettings"):  # folders are made on first use
+        client.get(program, "action=load")
     return client
 
 

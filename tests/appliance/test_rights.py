@@ -20,6 +20,8 @@ def test_who_may_do_what(server, settings, row, who, token):
     client = Client()
     if who != "nobody":
         assert client.login(who).json["success"]
+        if row.first:
+            assert client.post(row.program, row.first.encode()).json["success"]
     if row.method == "GET":
         extra = ["-H", f"X-Vemo-Token: {client.token}"] if token and client.token else []
         answer = client.get(row.program, row.parameters, *extra)

@@ -11,6 +11,7 @@
 #ifndef ZEM_TESTS_FAULTS_FAULTS_H
 #define ZEM_TESTS_FAULTS_FAULTS_H
 
+#include <sys/types.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>
 

@@ -1,6 +1,7 @@
 #include "support/syslog.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -34,6 +35,7 @@ Syslog::Syslog() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONB
   std::strcpy(address.sun_path, "/dev/log");
   unlink(address.sun_path);
   if (bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) std::abort();
+  chmod(address.sun_path, 0666);  // processes that have become somebody else log too
   // A connection that this process made to an earlier socket is dropped.
   closelog();
 }

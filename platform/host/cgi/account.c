@@ -15,20 +15,15 @@
 
 /* 0 found, ENOENT, or another error of the name service. */
 static int find_name(const char *user, char *name, size_t size) {
-  struct passwd record, *found = NULL;
-  int error = ERANGE;
+  struct passwd record;
+  char *buffer;
 
-  for (size_t room = 1024; error == ERANGE && room <= (1u << 24); room *= 4) {
-    char *buffer = malloc(room);
-    if (buffer == NULL) return ENOMEM;
-    error = getpwnam_r(user, &record, buffer, room, &found);
-    if (error == 0 && found != NULL) {
-      const int length = snprintf(name, size, "%s", record.pw_name);
-      if (length < 0 || (size_t)length >= size) error = ENOENT;
-    }
-    free(buffer);
+  int error = vemo_find_user(user, &record, &buffer);
+  if (error == 0) {
+    const int length = snprintf(name, size, "%s", record.pw_name);
+    if (length < 0 || (size_t)length >= size) error = ENOENT;
   }
-  if (error == ESRCH || (error == 0 && found == NULL)) return ENOENT;
+  free(buffer);
   return error;
 }
 

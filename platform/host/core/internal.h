@@ -28,6 +28,20 @@ void vemo_fail_as(int error, int code, const char *file, int line);
 /* An argument that is missing or malformed. */
 #define VEMO_FAIL_PARAM() VEMO_FAIL_AS(EINVAL, VEMOERR_BAD_PARAM)
 
+/* --- The name service ----------------------------------------------------- */
+
+struct passwd;
+struct group;
+
+/* Looks an account or a group up. 0: the record's texts stand in `*buffer`, which the caller
+ * frees; ENOENT: there is none; any other error is the service's. `*buffer` is NULL unless 0
+ * is returned. Nothing is recorded. */
+int vemo_find_user(const char *name, struct passwd *record, char **buffer);
+int vemo_find_group(const char *name, struct group *record, char **buffer);
+
+/* Whether the user is in the group, by any of the ways that the service knows. 1, 0; -1. */
+int vemo_is_in_group(const char *user, gid_t primary, gid_t group);
+
 /* --- Memory that is released all at once --------------------------------- */
 
 struct vemo_arena {

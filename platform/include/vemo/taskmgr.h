@@ -8,6 +8,7 @@
 #include <vemo/types.h>
 
 #include <string>
+#include <vector>
 
 VEMO_VISIBLE_BEGIN
 
@@ -43,6 +44,8 @@ class TaskMgr {
   Task *getTask(const char *name);
   /// Opens one that is there, else a new one. \return null: refused. The caller deletes it.
   Task *createTask(const char *name);
+  /// The names of all documents, sorted bytewise.
+  std::vector<std::string> taskNames();
 
  private:
   std::string user_;
