@@ -6,6 +6,8 @@ pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 # builds that one from Debian's source package.
 find_library(ZEM_JSONC_ARCHIVE NAMES libjson-c.a REQUIRED)
 find_library(ZEM_CRYPTO_ARCHIVE NAMES libcrypto.a REQUIRED)
+find_library(ZEM_PCRE_ARCHIVE NAMES libpcre.a REQUIRED)
+find_library(ZEM_PCRECPP_ARCHIVE NAMES libpcrecpp.a REQUIRED)
 set(ZEM_BOOTSTRAP_JSONCPP "${CMAKE_SOURCE_DIR}/.deps/jsoncpp/lib/libjsoncpp.a")
 if(NOT ZEM_JSONCPP_ARCHIVE AND EXISTS "${ZEM_BOOTSTRAP_JSONCPP}")
   set(ZEM_JSONCPP_ARCHIVE "${ZEM_BOOTSTRAP_JSONCPP}")

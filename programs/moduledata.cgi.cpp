@@ -48,7 +48,7 @@ Outcome Write(WebMan& request, const char* name) {
   if (!program::Document(request, "data", document)) return {"error_request"};
   if (!program::FitsDocument(document)) return {"error_too_large"};
   if (!request.IsModuleDataExist(name) && Names(request).size() >= kDocumentLimit) {
-    return {"error_too_many"};
+    return {"error_full"};
   }
   return {request.WriteModuleData(name, document) ? nullptr : "error_system"};
 }

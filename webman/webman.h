@@ -132,6 +132,12 @@ class ZEM_EXPORT WebMan {
   /// \return false for a null path, a request without a host, a refused header.
   bool AddRedirectHeader(const char* path);
 
+  /// Queues the security headers of a page, "Content-Security-Policy" and
+  /// "X-Frame-Options", as the policies and the system's settings say; call it before
+  /// `WriteHeader`. \param page the id of a page that runs on its own, null or "" for all
+  /// others.
+  void AddSecurityHeaders(const char* page);
+
   /// Queues a Set-Cookie header for a cookie that ends with the browser.
   /// \param first the cookie's path (null or "": "/").
   /// \param second its name. \param third its value.

@@ -295,7 +295,7 @@ def test_module_data_limits(carol):
     for number in range(1, 1000):
         (folder / f"n{number}").write_bytes((folder / "n0").read_bytes())
         os.chown(folder / f"n{number}", folder.stat().st_uid, -1)
-    assert module(carol, "write", name="one-more", data="1") == refused("error_too_many")
+    assert module(carol, "write", name="one-more", data="1") == refused("error_full")
     assert module(carol, "write", name="n5", data="2")["success"]
 
 

@@ -11,6 +11,8 @@
 #ifndef ZEM_TESTS_FAULTS_FAULTS_H
 #define ZEM_TESTS_FAULTS_FAULTS_H
 
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/md5.h>
 #include <sys/types.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>

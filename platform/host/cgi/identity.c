@@ -1,6 +1,7 @@
 /* The identity of a session's user. */
 #include <errno.h>
 #include <pwd.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -49,13 +50,19 @@ static struct known *look_up(const char *session, const char *user) {
     VEMO_FAIL_AS(error, error == ENOENT ? VEMOERR_NO_USER : VEMOERR_NO_SERVICE);
     return NULL;
   }
+  /* To callers it means that there is none, to the kernel "unchanged". */
+  if (record.pw_uid == (uid_t)-1 || record.pw_gid == (gid_t)-1) {
+    VEMO_FAIL_AS(EINVAL, VEMOERR_NO_USER);
+    return NULL;
+  }
   struct known *known = calloc(1, sizeof *known);
   if (known == NULL) {
     VEMO_FAIL(VEMOERR_NO_MEMORY);
     return NULL;
   }
-  strcpy(known->session, session); /* both fit: they were equal to the record's */
-  strcpy(known->user, user);
+  /* Both fit: they were equal to the record's. */
+  snprintf(known->session, sizeof known->session, "%s", session);
+  snprintf(known->user, sizeof known->user, "%s", user);
   known->uid = record.pw_uid;
   known->gid = record.pw_gid;
   known->next = answers;

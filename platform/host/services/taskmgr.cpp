@@ -19,13 +19,13 @@
 #include <vemo/user.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <memory>
 
 #include "common/descriptor.h"
+#include "common/effective_user.h"
 #include "common/json.h"
 #include "core/internal.h"
 
@@ -55,9 +55,8 @@ class Folder {
     if (VEMOUserPreferenceDirGet(user.c_str(), preferences, sizeof preferences) != 0) return;
     if (Open(preferences)) return;
     missing_ = errno == ENOENT;
-    if (missing_ && make) {
-      if (Make(preferences) && Open(preferences)) return;
-    }
+    if (missing_ && !make) return;  // no failure yet: the caller knows what it means
+    if (missing_ && Make(preferences) && Open(preferences)) return;
     VEMO_FAIL_ERRNO();
   }
 
@@ -110,22 +109,23 @@ class Folder {
     return true;
   }
 
+  // As the user: root would have to give it away, and the user may put another one in its
+  // place before that.
   bool Make(const std::string &preferences) const {
     const std::string path = preferences + "/module";
     if (geteuid() != 0) return mkdir(path.c_str(), 0700) == 0 || errno == EEXIST;
 
-    // Root gives it to the user where the user cannot put another one in its place.
-    const std::string made = preferences.substr(0, preferences.rfind('/')) + "/.module." +
-                             std::to_string(uid());  // no account's: those begin with no dot
-    if (mkdir(made.c_str(), 0700) != 0 && errno != EEXIST) return false;
-    if (lchown(made.c_str(), uid(), gid()) == 0 &&
-        renameat2(AT_FDCWD, made.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
-      return true;
+    const gid_t group = getegid();
+    if (setegid(gid()) != 0) return false;
+    bool made;
+    {
+      const zem::EffectiveUser user(uid());
+      made = user.switched() && (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST);
     }
-    const int error = errno;
-    if (error != ENOENT) rmdir(made.c_str());
-    errno = error;
-    return error == ENOENT || error == EEXIST;  // another process was faster
+    const int kept = errno;
+    if (setegid(group) != 0) std::abort();
+    errno = kept;
+    return made;
   }
 
   passwd account_ = {};
@@ -278,6 +278,7 @@ Task *TaskMgr::getTask(const char *name) {
     const std::string part = PartOf(name);
     if (part.empty()) return nullptr;
     const Folder folder(user_, false);
+    if (folder.missing()) VEMO_FAIL_AS(ENOENT, VEMOERR_NOT_FOUND);
     if (!folder || !Read(folder, part, record)) return nullptr;
     Task *task = new Task(user_, name);
     task->data.swap(record["data"]);

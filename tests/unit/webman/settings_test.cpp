@@ -150,6 +150,7 @@ TEST_F(Settings, OnlyTheSettingsAreWrittenAsRoot) {
   EXPECT_EQ(StatusOf(File("usersettings")).st_mode & 07777, 0644u);
   ASSERT_EQ(seteuid(5001), 0);
   EXPECT_TRUE(request_.loadUserJsonSettings(settings));  // and the user can read them
+  ASSERT_EQ(seteuid(0), 0);
 }
 
 TEST_F(Settings, EitherSaveThatFailsIsAFailure) {
