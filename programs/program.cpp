@@ -105,11 +105,12 @@ void AnswerSuccess(WebMan& request, const Json::Value& data) {
   Answer(request, document);
 }
 
-void AnswerFailure(WebMan& request, const char* section, const char* key) {
+void AnswerFailure(WebMan& request, const char* section, const char* key, const Json::Value& data) {
   Json::Value document(Json::objectValue);
   document["success"] = false;
   document["errinfo"]["sec"] = section;
   document["errinfo"]["key"] = key;
+  if (!data.empty()) document["data"] = data;
   Answer(request, document);
 }
 

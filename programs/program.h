@@ -41,8 +41,9 @@ void QueuePrivateHeaders(WebMan& request);
 /// Answers {"success": true, "data": ...}.
 void AnswerSuccess(WebMan& request, const Json::Value& data);
 
-/// Answers {"success": false, "errinfo": {"sec", "key"}}.
-void AnswerFailure(WebMan& request, const char* section, const char* key);
+/// Answers {"success": false, "errinfo": {"sec", "key"}}, and "data" when there is any.
+void AnswerFailure(WebMan& request, const char* section, const char* key,
+                   const Json::Value& data = Json::Value());
 
 }  // namespace program
 

@@ -55,7 +55,17 @@ ROWS = [
         first="action=write&name=x&data=1"),
     Row("moduledata", "POST", "action=remove&name=x", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH),
         first="action=write&name=x&data=1"),
+    Row("csp", "GET", "action=list", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("csp", "GET", "action=load", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("csp", "POST", 'action=save&name=x&document={"rule":{}}', (UNAUTH, NO_PRIVILEGE, OK),
+        (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("csp", "GET", "action=get&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK),
+        first='action=save&name=x&document={"rule":{}}'),
+    Row("csp", "POST", "action=delete&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
 ]
+
+# Pages are for everybody, and answer with no JSON: tested apart.
+PAGES = ["desktop"]
 
 
 def installed():

@@ -29,7 +29,7 @@ function chosenLanguage() {
 }
 
 async function setLanguage(code) {
-  texts = await (await fetch(`first/texts.${code}.json`)).json();
+  texts = await (await fetch(`/first/texts.${code}.json`)).json();
   document.documentElement.lang = HTML_LANGUAGES[code];
   $("language").value = code;
   for (const node of document.querySelectorAll("[data-text]")) {
@@ -46,7 +46,7 @@ function say(key, kind) {
 
 async function send(program, fields) {
   const options = { headers: { "X-Vemo-Token": token } };
-  let url = `webman/${program}.cgi`;
+  let url = `/webman/${program}.cgi`;
   if (fields.action === "load" || !fields.action) {
     url += `?${new URLSearchParams(fields)}`;
   } else {
