@@ -35,4 +35,15 @@ bool ReadAll(int fd, std::string& text) {
   return true;
 }
 
+bool WriteAll(int fd, const std::string& text) {
+  size_t size = 0;
+  while (size < text.size()) {
+    const ssize_t put = write(fd, text.data() + size, text.size() - size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    size += static_cast<size_t>(put);
+  }
+  return true;
+}
+
 }  // namespace zem

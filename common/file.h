@@ -17,6 +17,9 @@ Descriptor OpenRegularFile(const char* path, int flags = 0);
 /// Reads all that follows. \return false when it cannot be read.
 bool ReadAll(int fd, std::string& text);
 
+/// Writes all of the text. \return false when it stopped before the end.
+bool WriteAll(int fd, const std::string& text);
+
 }  // namespace zem
 
 #endif  // ZEM_COMMON_FILE_H

@@ -49,17 +49,6 @@ mode_t ModeFor(const std::string& path) {
   return 0666 & ~mask;
 }
 
-bool WriteAll(int fd, const std::string& text) {
-  size_t size = 0;
-  while (size < text.size()) {
-    const ssize_t put = write(fd, text.data() + size, text.size() - size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    size += static_cast<size_t>(put);
-  }
-  return true;
-}
-
 bool WriteFile(const std::string& temporary, const std::string& text, mode_t mode) {
   const Descriptor file(
       open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

@@ -33,16 +33,6 @@ bool IsKind(int fd, mode_t kind) {
   return fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == kind;
 }
 
-void WriteAll(int fd, const std::string& text) {
-  size_t size = 0;
-  while (size < text.size()) {
-    const ssize_t put = write(fd, text.data() + size, text.size() - size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return;
-    size += static_cast<size_t>(put);
-  }
-}
-
 class SigtermHeld {
  public:
   SigtermHeld() { VLIBCSigtermHold(); }
@@ -96,7 +86,7 @@ bool SaveJsonFile(const Json::Value& value, const char* path) {
   const SigtermHeld whole;
   const zem::Descriptor file(OpenFile(path, O_WRONLY | O_CREAT | O_TRUNC));
   if (!file || IsKind(file.get(), S_IFIFO)) return false;
-  WriteAll(file.get(), text);
+  zem::WriteAll(file.get(), text);
   return true;
 }
 

@@ -22,7 +22,7 @@
 class ZEM_EXPORT StringBundle : public VEMOCGI {
  public:
   /// Whose texts: "/usr/vemo/vemoman/" and the name below.
-  enum STRMODULE {
+  enum STRMODULE : int {
     STRMODULE_WEBMAN = 0,
     STRMODULE_MEDIA = 1,
     STRMODULE_FETCH = 2,

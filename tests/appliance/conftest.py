@@ -69,7 +69,7 @@ class Client:
 
     def curl(self, path, *arguments, data=None):
         """A request by curl, with this client's cookies."""
-        command = ["curl", "-s", "-i", "-m", "60", "--path-as-is", "-H", "Expect:",
+        command = ["curl", "-s", "-i", "-g", "-m", "60", "--path-as-is", "-H", "Expect:",
                    "--interface", self.address]
         if self.cookies:
             command += ["-H", "Cookie: " + "; ".join(f"{k}={v}" for k, v in self.cookies.items())]

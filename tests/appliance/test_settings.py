@@ -99,7 +99,7 @@ def test_missing_settings_are_refused(carol):
 
 
 def get(client, program, query):
-    return client.get(program, query, "-g", "-H", f"X-Vemo-Token: {client.token}").json
+    return client.get(program, query, "-H", f"X-Vemo-Token: {client.token}").json
 
 
 @pytest.mark.parametrize("action", ["", "action=", "action=remove", "action=Load", "action=load2"])

@@ -31,19 +31,13 @@ struct oath_calls {
                         const char *);
 };
 
-static int find(void *library, const char *name, void *function) {
-  void *found = dlsym(library, name);
-
-  memcpy(function, &found, sizeof found);
-  return found == NULL;
-}
-
 static int open_oath(struct oath_calls *oath) {
   void *library = dlopen("liboath.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
 
-  if (library == NULL || find(library, "oath_init", &oath->init) ||
-      find(library, "oath_base32_decode", &oath->base32_decode) ||
-      find(library, "oath_totp_validate3", &oath->totp_validate3) || oath->init() != 0) {
+  if (library == NULL || vemo_find_function(library, "oath_init", &oath->init) ||
+      vemo_find_function(library, "oath_base32_decode", &oath->base32_decode) ||
+      vemo_find_function(library, "oath_totp_validate3", &oath->totp_validate3) ||
+      oath->init() != 0) {
     VEMO_FAIL(VEMOERR_NO_SERVICE);
     return -1;
   }

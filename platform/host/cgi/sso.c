@@ -49,23 +49,16 @@ static int fault(const char *why) {
   return -1;
 }
 
-static int find(void *library, const char *name, void *function) {
-  void *found = dlsym(library, name);
-
-  memcpy(function, &found, sizeof found);
-  return found == NULL;
-}
-
 static int open_cjose(struct cjose_calls *jose) {
   void *library = dlopen("libcjose.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
 
-  if (library == NULL || find(library, "cjose_jws_import", &jose->import) ||
-      find(library, "cjose_jws_verify", &jose->verify) ||
-      find(library, "cjose_jws_get_plaintext", &jose->plaintext) ||
-      find(library, "cjose_base64url_decode", &jose->decode) ||
-      find(library, "cjose_jws_release", &jose->release) ||
-      find(library, "cjose_jwk_import", &jose->key_import) ||
-      find(library, "cjose_jwk_release", &jose->key_release)) {
+  if (library == NULL || vemo_find_function(library, "cjose_jws_import", &jose->import) ||
+      vemo_find_function(library, "cjose_jws_verify", &jose->verify) ||
+      vemo_find_function(library, "cjose_jws_get_plaintext", &jose->plaintext) ||
+      vemo_find_function(library, "cjose_base64url_decode", &jose->decode) ||
+      vemo_find_function(library, "cjose_jws_release", &jose->release) ||
+      vemo_find_function(library, "cjose_jwk_import", &jose->key_import) ||
+      vemo_find_function(library, "cjose_jwk_release", &jose->key_release)) {
     VEMO_FAIL(VEMOERR_NO_SERVICE);
     return -1;
   }

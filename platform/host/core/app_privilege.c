@@ -32,24 +32,17 @@ struct sqlite_calls {
   int (*finalize)(sqlite3_stmt *);
 };
 
-static int find(void *library, const char *name, void *function) {
-  void *found = dlsym(library, name);
-
-  memcpy(function, &found, sizeof found);
-  return found == NULL;
-}
-
 static int open_sqlite(struct sqlite_calls *sql) {
   void *library = dlopen("libsqlite3.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
 
-  if (library == NULL || find(library, "sqlite3_open_v2", &sql->open) ||
-      find(library, "sqlite3_close", &sql->close) ||
-      find(library, "sqlite3_busy_timeout", &sql->busy_timeout) ||
-      find(library, "sqlite3_prepare_v2", &sql->prepare) ||
-      find(library, "sqlite3_bind_text", &sql->bind_text) ||
-      find(library, "sqlite3_step", &sql->step) ||
-      find(library, "sqlite3_column_text", &sql->column_text) ||
-      find(library, "sqlite3_finalize", &sql->finalize)) {
+  if (library == NULL || vemo_find_function(library, "sqlite3_open_v2", &sql->open) ||
+      vemo_find_function(library, "sqlite3_close", &sql->close) ||
+      vemo_find_function(library, "sqlite3_busy_timeout", &sql->busy_timeout) ||
+      vemo_find_function(library, "sqlite3_prepare_v2", &sql->prepare) ||
+      vemo_find_function(library, "sqlite3_bind_text", &sql->bind_text) ||
+      vemo_find_function(library, "sqlite3_step", &sql->step) ||
+      vemo_find_function(library, "sqlite3_column_text", &sql->column_text) ||
+      vemo_find_function(library, "sqlite3_finalize", &sql->finalize)) {
     VEMO_FAIL(VEMOERR_NO_SERVICE);
     return -1;
   }

@@ -28,6 +28,11 @@ void vemo_fail_as(int error, int code, const char *file, int line);
 /* An argument that is missing or malformed. */
 #define VEMO_FAIL_PARAM() VEMO_FAIL_AS(EINVAL, VEMOERR_BAD_PARAM)
 
+/* --- Libraries that are opened where they are needed ---------------------- */
+
+/* Stores the library's function in the pointer that `function` points to. 0; 1 there is none. */
+int vemo_find_function(void *library, const char *name, void *function);
+
 /* --- The name service ----------------------------------------------------- */
 
 struct passwd;
