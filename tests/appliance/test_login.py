@@ -114,8 +114,9 @@ def test_an_unknown_user_answers_like_a_wrong_password(server):
         assert failure(answer) == ("login", "error_account")
         return time.monotonic() - begun
 
-    known = sorted(seconds("timed", f"127.0.4.{i}") for i in range(1, 16))[7]
-    unknown = sorted(seconds("not-there", f"127.0.4.{i}") for i in range(101, 116))[7]
+    # The least of several, in turns: what else the machine does only adds to them.
+    pairs = [(seconds("timed", f"127.0.4.{i}"), seconds("not-there", f"127.0.4.{100 + i}")) for i in range(1, 26)]
+    known, unknown = min(pair[0] for pair in pairs), min(pair[1] for pair in pairs)
     assert 0.6 < known / unknown < 1.6
 
 

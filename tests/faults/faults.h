@@ -13,6 +13,7 @@
 
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/md5.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>

@@ -1,5 +1,6 @@
 #include "support/request.h"
 
+#include <gtest/gtest.h>
 #include <strings.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -33,9 +34,32 @@ std::string ReadAll(int fd) {
   return text;
 }
 
-[[noreturn]] void BeTheProgram(const Environment& environment, int in, int out,
+// Writes down what fails in the program's process, which the test would not hear of: the
+// printer's lines would go into the answer, and the count ends with the process.
+class Failures : public testing::EmptyTestEventListener {
+ public:
+  explicit Failures(int fd) : fd_(fd) {}
+  void OnTestPartResult(const testing::TestPartResult& result) override {
+    if (result.failed()) {
+      dprintf(fd_, "%s:%d: %s\n", result.file_name() == nullptr ? "" : result.file_name(),
+              result.line_number(), result.message());
+    }
+  }
+
+ private:
+  int fd_;
+};
+
+void ListenForFailures(int fd) {
+  testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
+  delete listeners.Release(listeners.default_result_printer());
+  listeners.Append(new Failures(fd));
+}
+
+[[noreturn]] void BeTheProgram(const Environment& environment, int in, int out, int failures,
                                const std::function<void()>& program) {
   alarm(30);
+  ListenForFailures(failures);
   const char* path = getenv("PATH");
   const std::string kept = path == nullptr ? "/usr/sbin:/usr/bin:/sbin:/bin" : path;
   clearenv();
@@ -99,10 +123,11 @@ Answer RunRequest(const Environment& environment, std::string_view body,
                   const std::function<void()>& program) {
   const int in = MemoryFile(body);
   const int out = MemoryFile("");
+  const int failures = MemoryFile("");
   std::fflush(stdout);
   const pid_t child = fork();
   if (child < 0) std::abort();
-  if (child == 0) BeTheProgram(environment, in, out, program);
+  if (child == 0) BeTheProgram(environment, in, out, failures, program);
 
   int status = 0;
   waitpid(child, &status, 0);
@@ -110,8 +135,10 @@ Answer RunRequest(const Environment& environment, std::string_view body,
   if (WIFEXITED(status)) answer.exit_status = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) answer.signal = WTERMSIG(status);
   answer.output = ReadAll(out);
-  close(in);
-  close(out);
+  const std::string failed = ReadAll(failures);
+  if (!failed.empty()) ADD_FAILURE() << "in the program:\n" << failed;
+  for (const int fd : {in, out, failures})
+    close(fd);
   SplitAnswer(answer);
   return answer;
 }

@@ -36,7 +36,8 @@ struct Answer {
 
 /// Runs `program` in a child process whose environment is `environment` and
 /// PATH, whose standard input gives `body` and then ends. The child is killed
-/// after 30 seconds. CONTENT_LENGTH is not added.
+/// after 30 seconds. CONTENT_LENGTH is not added. Expectations that fail in the
+/// child fail in the test, however the child ends.
 Answer RunRequest(const Environment& environment, std::string_view body,
                   const std::function<void()>& program);
 

@@ -116,7 +116,8 @@ TEST(Ipv4Field, IsReadAsInetAtonDoes) {
                                     {"1.2.3.4.5", false},
                                     {"::1", false},
                                     {"1.2.3.", false},
-                                    {"256.1.1.1", false}});
+                                    {"256.1.1.1", false},
+                                    {"1.2.3.4 x", true}});
 }
 
 TEST(Ipv4Field, AMaskHasContiguousOnes) {

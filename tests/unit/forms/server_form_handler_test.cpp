@@ -28,9 +28,10 @@ class Form : public ServerFormHandler {
   }
   bool Apply() override {
     std::printf("apply");
-    return false;
+    return apply_result;
   }
   bool load_result = true;
+  bool apply_result = false;
 };
 
 void LetEverybodyIn() {
@@ -72,6 +73,46 @@ TEST(Process, DispatchesTheAction) {
   }
 }
 
+TEST(Process, GivesWhatTheHandlerGives) {
+  for (const char* action : {"load", "apply"}) {
+    for (const bool result : {false, true}) {
+      EXPECT_EQ(Output(std::string("action=") + action,
+                       [&](Form& form) {
+                         LetEverybodyIn();
+                         form.load_result = form.apply_result = result;
+                         std::printf("%d", form.Process());
+                       }),
+                std::string(action) + (result ? "1" : "0"));
+    }
+  }
+}
+
+// A program decides itself who may use its form.
+class OpenForm : public Form {
+ public:
+  using Form::Form;
+  bool Authenticate() override { return true; }
+};
+
+TEST(Process, AProgramHasItsOwnCheckOfTheCaller) {
+  const Answer answer = RunRequest(Get("action=load"), "", [] {
+    OpenForm form(nullptr);
+    std::printf("%d", form.Process());
+  });
+  EXPECT_EQ(answer.output, "load1");
+}
+
+TEST(Process, ParametersAreReadOnlyWhenAsked) {
+  const Answer answer = RunRequest(Get("action=load"), "", [] {
+    OpenForm form(false, nullptr);
+    std::printf("%d", form.Process());
+    form.request().LoadIn();
+    std::printf("%d", form.Process());
+    std::printf("%d", OpenForm(true, nullptr).Process());
+  });
+  EXPECT_EQ(answer.output, "0load1load1");
+}
+
 TEST(Process, ARefusedCallerIsAnsweredAndNothingIsDone) {
   const std::string output = Output("action=load", [](Form& form) {
     const bool processed = form.Process();
@@ -87,6 +128,30 @@ TEST(Answers, Success) {
             std::string(kHead) + "{\n   \"data\" : \"x\",\n   \"success\" : true\n}\n");
   EXPECT_EQ(Output("", [](Form& form) { form.ReportSuccess(Json::Value()); }),
             std::string(kHead) + "{\n   \"data\" : null,\n   \"success\" : true\n}\n");
+}
+
+TEST(Answers, HaveTheirContentTypeWhateverTheDefaultIs) {
+  EXPECT_EQ(Output("",
+                   [](Form& form) {
+                     form.request().SetDefaultContentType("application/json");
+                     form.ReportError();
+                   })
+                .substr(0, sizeof kHead - 1),
+            kHead);
+}
+
+TEST(Answers, ASuccessHoldsAnyDataAndLeavesItAlone) {
+  EXPECT_EQ(Output("",
+                   [](Form& form) {
+                     Json::Value data;
+                     data["b"].append(1);
+                     data["a"] = false;
+                     form.ReportSuccess(data);
+                     EXPECT_EQ(data.size(), 2u);
+                   }),
+            std::string(kHead) +
+                "{\n   \"data\" : {\n      \"a\" : false,\n      \"b\" : [ 1 ]\n   },\n"
+                "   \"success\" : true\n}\n");
 }
 
 TEST(Answers, AreFlushed) {
@@ -174,6 +239,30 @@ TEST(Records, NullTextsAreEmpty) {
             std::string::npos);
 }
 
+TEST(Records, AFieldWithoutANameRecordsNothing) {
+  EXPECT_NE(Output("",
+                   [](Form& form) {
+                     form.SetFieldInvalid(nullptr, "text");
+                     EXPECT_FALSE(form.HasInvalidFields());
+                     form.SetFormErrInfo("s", "k", 0);
+                     form.ReportError();
+                   })
+                .find(Errinfo("s", "k")),
+            std::string::npos);
+}
+
+TEST(ValidNullFields, AnErrorRecordedBeforeKeepsMarksAway) {
+  const char* names[] = {"a"};
+  EXPECT_NE(Output("",
+                   [&](Form& form) {
+                     form.SetFormErrInfo("s", "k", 0);
+                     EXPECT_FALSE(form.ValidNullFields(names, 1));
+                     form.ReportError();
+                   })
+                .find(Errinfo("s", "k")),
+            std::string::npos);
+}
+
 TEST(ValidNullFields, NamesEveryAbsentField) {
   const char* names[] = {"a", "b", "c"};
   EXPECT_EQ(Output("b=", [&](Form& form) { std::printf("%d", form.ValidNullFields(names, 0)); }),
@@ -204,6 +293,7 @@ TEST(Lock, CreatesTheFileAndTakesIt) {
   ASSERT_EQ(stat(kLock, &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644u);
   EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  EXPECT_EQ(fcntl(descriptor, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
 
   int second = -2;
   EXPECT_FALSE(ServerFormHandler::LockFile(kLock, true, &second));
@@ -223,6 +313,39 @@ TEST(Lock, ReadersShareIt) {
   EXPECT_TRUE(ServerFormHandler::LockFile(kLock, false, &first));
   EXPECT_TRUE(ServerFormHandler::LockFile(kLock, false, &second));
   EXPECT_FALSE(ServerFormHandler::LockFile(kLock, true, &writer));
+}
+
+TEST(Lock, IsGivenBackAlsoWhenAChildHasTheDescriptor) {
+  int descriptor = -1, next = -1;
+  ASSERT_TRUE(ServerFormHandler::LockFile(kLock, true, &descriptor));
+  const int inherited = dup(descriptor);
+  ServerFormHandler::UnlockFile(descriptor);
+  EXPECT_TRUE(ServerFormHandler::LockFile(kLock, true, &next));
+  EXPECT_GE(inherited, 0);
+}
+
+TEST(Lock, AHandlerThatCannotOpenItRecordsTheSame) {
+  for (const bool exclusive : {true, false}) {
+    RunRequest(Get(""), "", [&] {
+      Form form("/nowhere/form.lock");
+      EXPECT_FALSE(exclusive ? form.ExLock() : form.ShLock());
+      std::string section, key;
+      int line = 9;
+      form.GetFormErrInfo(section, key, line);
+      EXPECT_EQ(section, "common");
+      EXPECT_EQ(key, exclusive ? "error_apply_occupied" : "error_occupied");
+      EXPECT_EQ(line, 0);
+    });
+  }
+}
+
+TEST(Lock, HandlersThatReadShareItAndOneThatWritesIsAlone) {
+  RunRequest(Get(""), "", [] {
+    Form first(kLock), second(kLock), writer(kLock);
+    EXPECT_TRUE(first.ShLock());
+    EXPECT_TRUE(second.ShLock());
+    EXPECT_FALSE(writer.ExLock());
+  });
 }
 
 TEST(Lock, WhatCannotBeOpenedGivesNoDescriptor) {
@@ -327,6 +450,25 @@ TEST(Validator, AbsentFieldsAreAnErrorUnlessTheyAreSkipped) {
   EXPECT_TRUE(ValidRequest("{\"text\":\"t\"}", true));
 }
 
+TEST(Validator, KeepsCopiesOfWhatItWasGiven) {
+  RunRequest(Get("mode=a&kind=x&speed=1&date=2024/1/2"), "", [] {
+    WebMan request(true);
+    FormValidator fields;
+    {
+      std::string name = "mode", value = "a", format = "%Y/%m/%d";
+      const char* modes[] = {value.c_str()};
+      int speeds[] = {1};
+      std::vector<std::string> kinds = {"x"};
+      fields.AddStringList(name.c_str(), modes, 1);
+      fields.AddStringList("kind", kinds);
+      fields.AddIntegerList("speed", speeds, 1);
+      fields.AddDateTimeField("date", format.c_str());
+      name = "none", value = "b", format = "%H:%M", modes[0] = "b", speeds[0] = 2, kinds[0] = "y";
+    }
+    EXPECT_TRUE(fields.Validate(request));
+  });
+}
+
 TEST(Validator, AnEmptyListAcceptsAnything) {
   EXPECT_EQ(Output("a=1",
                    [](Form& form) {
@@ -362,6 +504,29 @@ TEST_F(MarksTest, EveryFailingFieldIsMarked) {
                         "      \"number\" : \"The field is not valid.\",\n"
                         "      \"short\" : \"Too long for CrateServer.\"\n   },\n"
                         "   \"success\" : false\n}\n");
+}
+
+TEST_F(MarksTest, AbsentFieldsAreSkippedWhenTheListSaysSo) {
+  const std::string output = Output("text=&number=5", [](Form& form) {
+    FormValidator fields(true);
+    fields.AddIPV4("ip");
+    fields.AddTextField("text", 3, false);
+    fields.AddNumberField("number", 1, 9);
+    EXPECT_FALSE(fields.Validate(form));
+    form.ReportError();
+  });
+  EXPECT_EQ(output, std::string(kHead) +
+                        "{\n   \"errors\" : {\n      \"text\" : \"The field is not valid.\"\n"
+                        "   },\n   \"success\" : false\n}\n");
+  EXPECT_EQ(Output("number=5",
+                   [](Form& form) {
+                     FormValidator fields(true);
+                     fields.AddIPV4("ip");
+                     fields.AddNumberField("number", 1, 9);
+                     EXPECT_TRUE(fields.Validate(form));
+                     EXPECT_FALSE(form.HasInvalidFields());
+                   }),
+            "");
 }
 
 TEST_F(MarksTest, OfAFieldDeclaredTwiceTheLaterMarkStays) {

@@ -11,6 +11,7 @@
 #include <ostream>
 
 #include "common/json.h"
+#include "faults/faults.h"
 #include "support/request.h"
 #include "support/syslog.h"
 
@@ -164,6 +165,21 @@ TEST(RequestInput, CookiesAreReadAtTheStartAndAgainWhenAsked) {
   EXPECT_EQ(answer.output, "1,\"two\",-,1,9,-");
 }
 
+TEST(RequestInput, TheLanguageIsOneOfTheInterfacesTexts) {
+  ASSERT_EQ(system("mkdir -p /usr/vemo/vemoman/webman/texts/fre /usr/vemo/vemoman/media/texts/spn"),
+            0);
+  // The second language is one that only another module has.
+  for (const auto& [asked, given] : {std::pair{"fre", "fre"}, {"spn", "enu"}}) {
+    support::Environment environment = Get("");
+    environment["HTTP_COOKIE"] = std::string("lang=") + asked;
+    const Answer answer = RunRequest(environment, "", [] {
+      WebMan request(false);
+      std::printf("%s", request.GetUILanguage());
+    });
+    EXPECT_EQ(answer.output, given);
+  }
+}
+
 TEST(RequestInput, TheLanguageIsNeverAPath) {
   support::Environment environment = Get("");
   environment["HTTP_COOKIE"] = "lang=../../etc";
@@ -229,6 +245,30 @@ TEST_F(ReadFileTest, ReportsWhatCannotBeRead) {
   const auto texts = log_.TakeTexts();
   ASSERT_EQ(texts.size(), 1u);
   EXPECT_EQ(WithoutLine(texts[0]), "webman (N) read file failed. (Is a directory)");
+}
+
+TEST_F(ReadFileTest, ReportsASizeThatIsNotKnown) {
+  WriteFile("12345");
+  faults::hooks.fstat = [](int, struct stat*) {
+    errno = EIO;
+    return -1;
+  };
+  EXPECT_EQ(WebMan::szReadFile(kPath, 10), nullptr);
+  const auto texts = log_.TakeTexts();
+  ASSERT_EQ(texts.size(), 1u);
+  EXPECT_EQ(WithoutLine(texts[0]), "webman (N) Failed to stat file. (Input/output error)");
+}
+
+TEST_F(ReadFileTest, LessThanTheSizeIsAFailure) {
+  WriteFile("12345");
+  faults::hooks.fstat = [](int, struct stat* status) {
+    status->st_size = 6;  // one byte was cut off meanwhile
+    return 0;
+  };
+  EXPECT_EQ(WebMan::szReadFile(kPath, 10), nullptr);
+  const auto texts = log_.TakeTexts();
+  ASSERT_EQ(texts.size(), 1u);
+  EXPECT_EQ(WithoutLine(texts[0]).substr(0, 30), "webman (N) read file failed. (");
 }
 
 TEST_F(ReadFileTest, DoesNotWaitForAFifo) {

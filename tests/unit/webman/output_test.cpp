@@ -87,6 +87,30 @@ TEST(RequestOutput, HeadersThatCannotBeWrittenAreAFailure) {
   EXPECT_EQ(answer.exit_status, 0);
 }
 
+TEST(RequestOutput, AnythingButZeroIsThePlatformsYes) {
+  const Answer answer = Serve([](WebMan& request) {
+    int set = 0, print = 0;
+    faults::hooks.VemoCgiSetHTTPHeader = [&](VEMOCGI*, const char* name, const char* value) {
+      std::printf("%s=%s ", name, value);
+      return set;
+    };
+    faults::hooks.VemoCgiPrintHTTPHeader = [&](VEMOCGI*) {
+      std::printf("print ");
+      return print;
+    };
+    for (const auto& [set_result, print_result] : {std::pair{0, 1}, {2, 0}, {-1, 2}, {1, -1}}) {
+      set = set_result;
+      print = print_result;
+      const bool added = request.AddHeader("a", "b");
+      const bool written = request.WriteHeader("t");
+      std::printf("%d%d\n", added, written);
+    }
+  });
+  EXPECT_EQ(answer.output,
+            "a=b Content-type=t 00\na=b Content-type=t print 10\n"
+            "a=b Content-type=t print 11\na=b Content-type=t print 11\n");
+}
+
 TEST(RequestOutput, AddHeaderRefusesWhatWouldMakeASecondLine) {
   const Answer answer = Serve([](WebMan& request) {
     const char* bad[][2] = {{"X", "a\rb"}, {"X", "a\nb"},   {"X", "\x01"},

@@ -121,7 +121,33 @@ TEST(Authorization, ThePlatformIsAskedWithWhatTheProgramSays) {
     hooks.VemoCgiIsAuthorized = [](auto...) { return -1; };
     EXPECT_EQ(request.CheckAuthorized(1, VEMOCGI_POS_ANY, false), -1);
     EXPECT_EQ(request.GetLoginUserName(), "");  // emptied before each check
-    if (testing::Test::HasFailure()) _exit(1);
+  });
+}
+
+TEST(Authorization, ItIsNoPollAndGoesOnAsTheProgramSays) {
+  Serve(Get(""), [](WebMan& request) {
+    hooks.VemoCgiIsAuthorized = [](VEMOCGI*, char*, int, const _tag_cgi_auth_request* asked,
+                                   _tag_cgi_position position) {
+      EXPECT_EQ(asked->privilege, 2);
+      EXPECT_EQ(asked->passive, FALSE);
+      EXPECT_EQ(position, VEMOCGI_POS_SHARING);
+      return 1;
+    };
+    EXPECT_TRUE(request.IsAuthorized(nullptr, 2, VEMOCGI_POS_SHARING));
+  });
+}
+
+TEST(Authorization, NothingIsLeftOfTheUserBefore) {
+  Serve(Get(""), [](WebMan& request) {
+    hooks.VemoCgiIsAuthorized = [](VEMOCGI*, char* user, int size, auto...) {
+      EXPECT_EQ(std::string(user, 493), std::string(493, '\0'));
+      std::snprintf(user, static_cast<size_t>(size), "%s", std::string(500, 'u').c_str());
+      return 1;
+    };
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(request.CheckAuthorized(1, VEMOCGI_POS_ANY, false), 1);
+      EXPECT_EQ(request.GetLoginUserName(), std::string(492, 'u'));
+    }
   });
 }
 
@@ -211,7 +237,6 @@ TEST(Login, EachKindPassesItsArgumentsAndTheReasonBuffer) {
     params.user = "four";
     EXPECT_EQ(request.LoginWithOIDCSSOAuth(&params, "token", true), 1);
     EXPECT_EQ(request.GetLoginUserName(), "four");
-    if (testing::Test::HasFailure()) _exit(1);
   });
 }
 
@@ -224,6 +249,38 @@ TEST(Login, OnlyTheAnswerOneRecordsTheName) {
       std::printf("%d,%s", request.Login(&params), request.GetLoginUserName().c_str());
     });
     EXPECT_EQ(answer.output, std::to_string(result) + ",");
+  }
+}
+
+TEST(Login, TheOtherKindsRecordTheNameOnOneAlone) {
+  for (const int result : {0, 2, -1, -6}) {
+    const Answer answer = Serve(Get(""), [&](WebMan& request) {
+      const auto asked = [&](const char* kind) {
+        std::printf("%s ", kind);
+        return result;
+      };
+      const auto token = [&](const char* kind) {
+        return [=](VEMOCGI*, char*, int, _tag_login_params*, const char*, BOOL flag, int) {
+          EXPECT_EQ(flag, FALSE);
+          return asked(kind);
+        };
+      };
+      hooks.VemoCgiLoginWithOTPAuth = [&](auto...) { return asked("otp"); };
+      hooks.VemoCgiLoginWithAzureSSOAuth = token("azure");
+      hooks.VemoCgiLoginWithOIDCSSOAuth = token("oidc");
+      hooks.VemoCgiLoginNoAuth = [&](auto...) { return asked("none"); };
+      hooks.VemoCgiTestLogin = [&](auto...) { return asked("test"); };
+
+      _tag_login_params params = {};
+      params.user = "typed";
+      EXPECT_EQ(request.LoginWithOTPAuth(&params, "1"), result);
+      EXPECT_EQ(request.LoginWithAzureSSOAuth(&params, "t", false), result);
+      EXPECT_EQ(request.LoginWithOIDCSSOAuth(&params, "t", false), result);
+      EXPECT_EQ(request.LoginNoAuth(&params), result);
+      EXPECT_EQ(request.LoginTest(&params, nullptr), result);
+      EXPECT_EQ(request.GetLoginUserName(), "");
+    });
+    EXPECT_EQ(answer.output, "otp azure oidc none test ");
   }
 }
 
@@ -259,7 +316,6 @@ TEST(Login, WithoutAuthenticationAndTestsRecordNothing) {
     EXPECT_EQ(request.LoginNoAuth(&params), 1);
     EXPECT_EQ(request.LoginTest(&params, "code"), 1);
     EXPECT_EQ(request.GetLoginUserName(), "");
-    if (testing::Test::HasFailure()) _exit(1);
   });
 }
 
@@ -329,7 +385,6 @@ TEST_F(SessionTest, TheSessionTellsItsPathsAndItsToken) {
     EXPECT_TRUE(request.IsAuthorized(nullptr, 1, VEMOCGI_POS_DESKTOP));
     EXPECT_EQ(request.GetLoginUserName(), "zoe");
     EXPECT_FALSE(request.IsAdmin());
-    if (testing::Test::HasFailure()) _exit(1);
   });
   EXPECT_EQ(answer.exit_status, 0);
 }
@@ -342,9 +397,22 @@ TEST_F(SessionTest, WithoutASessionThereAreNone) {
     EXPECT_EQ(request.GetLockFile(), nullptr);
     EXPECT_EQ(request.GetSessionFilePath(buffer, sizeof buffer), -1);
     EXPECT_EQ(request.GetVemoToken(true), "");
-    if (testing::Test::HasFailure()) _exit(1);
   });
   EXPECT_EQ(answer.exit_status, 0);
+}
+
+TEST_F(SessionTest, TheTokenIsThatOfTheCookiesReadLast) {
+  LogIn("zoe");
+  Serve(environment_, [this](WebMan& request) {
+    unsetenv("HTTP_COOKIE");
+    EXPECT_EQ(request.GetVemoToken(false), token_);
+    EXPECT_EQ(request.GetVemoToken(true), "");
+  });
+}
+
+TEST_F(SessionTest, TheTokenCanBeTurnedOff) {
+  std::ofstream("/etc/vemoinfo.conf") << "enable_token=\"no\"\n";
+  Serve(environment_, [](WebMan& request) { EXPECT_FALSE(request.IsTokenEnable()); });
 }
 
 TEST_F(SessionTest, AnotherAddressIsLetInWhenTheProgramSkipsTheCheck) {
@@ -386,13 +454,15 @@ TEST_F(SessionTest, WhenThePlatformCannotTellNobodyIsAdministrator) {
     std::printf("%d", request.IsAdmin());  // only the answer 1 is membership
   });
   EXPECT_EQ(answer.output, "00");
-  const auto texts = log.TakeTexts();
-  ASSERT_EQ(texts.size(), 1u);
-  const size_t colon = texts[0].find(':');
-  const size_t blank = texts[0].find(' ');
-  EXPECT_EQ(texts[0].substr(0, colon), "webman");
-  EXPECT_GT(atoi(texts[0].c_str() + colon + 1), 0);
-  EXPECT_EQ(texts[0].substr(blank),
+  const auto lines = log.Take();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].priority & 7, 3);  // error
+  const std::string& text = lines[0].text;
+  const size_t colon = text.find(':');
+  const size_t blank = text.find(' ');
+  EXPECT_EQ(text.substr(0, colon), "webman");
+  EXPECT_GT(atoi(text.c_str() + colon + 1), 0);
+  EXPECT_EQ(text.substr(blank),
             " VLIBGroupIsAdminGroupMem(yan) failed. [0x0C00 platform/group.c:42]");
 }
 
@@ -417,7 +487,6 @@ TEST_F(SessionTest, SessionsAreListedAndRemoved) {
     EXPECT_EQ(request.CheckAuthorized(1, VEMOCGI_POS_DESKTOP, false), 1);
     EXPECT_EQ(
         request.RemoveSessionByFunc([](json_object*, void*) -> BOOL { return TRUE; }, nullptr), 1);
-    if (testing::Test::HasFailure()) _exit(1);
   });
   EXPECT_EQ(answer.exit_status, 0);
   const Answer gone = Serve(first, [](WebMan& request) {
@@ -474,6 +543,27 @@ TEST(Sharing, TheIdComesFromTheHeaderOrTheParameter) {
     EXPECT_EQ(answer.output, std::string(row.is_sharing ? "1|" : "0|") + row.id + "|" + row.sid)
         << row.query;
   }
+}
+
+TEST(Sharing, TheParameterIsSeenBeforeParametersAreLoaded) {
+  Environment environment = Get("_sharing_id=abc");
+  environment["HTTP_COOKIE"] = "sharing_sid=s";
+  RunRequest(environment, "", [] {
+    WebMan request(false);
+    std::string id, sid;
+    EXPECT_TRUE(request.IsSharingRequest(id, sid));
+    EXPECT_EQ(id, "abc");
+  });
+}
+
+TEST(DefaultUser, AJsonRequestIsMarkedToo) {
+  const std::string body = R"({"a":1})";
+  RunRequest(support::Post(body), body, [] {
+    WebMan request(true);
+    EXPECT_FALSE(request.IsLoginedDefaultUser());
+    request.SetLoginedDefaultUser();
+    EXPECT_TRUE(request.IsLoginedDefaultUser());
+  });
 }
 
 TEST(DefaultUser, TheMarkIsExact) {

@@ -12,7 +12,8 @@ class VemoConfTest : public testing::Test {
   void SetUp() override {
     ASSERT_EQ(system("mkdir -p /etc.defaults"), 0);
     std::ofstream("/etc/vemoinfo.conf")
-        << "k=\"YES\"\nn=\"42x\"\nword=\"abc\"\nempty=\"\"\nneg=\" -7\"\nbig=\"99999999999\"\n";
+        << "k=\"YES\"\nn=\"42x\"\nword=\"abc\"\nempty=\"\"\nneg=\" -7\"\nbig=\"99999999999\"\n"
+           "small=\"-2147483649\"\nhex=\"0x10\"\n";
     std::ofstream("/etc.defaults/vemoinfo.conf") << "k=\"no\"\nonly=\"default\"\n";
   }
 };
@@ -36,6 +37,9 @@ TEST_F(VemoConfTest, NumbersAreReadAsStrtolDoes) {
   EXPECT_EQ(conf.InfoInt("neg", 5), -7);
   EXPECT_EQ(conf.InfoInt("none", 5), 5);
   EXPECT_EQ(conf.InfoInt("big", 5), 2147483647);
+  EXPECT_EQ(conf.InfoInt("small", 5), -2147483647 - 1);
+  EXPECT_EQ(conf.InfoInt("hex", 5), 0);
+  EXPECT_EQ(conf.InfoInt("only", 5), 5);
 }
 
 TEST_F(VemoConfTest, ValuesAreComparedWithoutCase) {
@@ -51,6 +55,13 @@ TEST_F(VemoConfTest, ValuesAreComparedWithoutCase) {
   EXPECT_FALSE(conf.DefCheckValue(nullptr, "no", true));
   EXPECT_FALSE(conf.DefCheckValue("k", nullptr, true));
   EXPECT_TRUE(conf.DefCheckValue("none", "x", true));
+  EXPECT_FALSE(conf.DefCheckValue("none", "x", false));
+  EXPECT_TRUE(conf.DefCheckValue("only", "DEFAULT", false));
+  EXPECT_FALSE(conf.DefCheckValue("k", "yes", true));
+  EXPECT_FALSE(conf.InfoCheckValue("only", "default", false));
+  // An empty value is a value.
+  EXPECT_FALSE(conf.InfoCheckValue("empty", "x", true));
+  EXPECT_TRUE(conf.InfoCheckValue("empty", "", false));
 }
 
 TEST_F(VemoConfTest, MissingFilesHaveNoKeys) {

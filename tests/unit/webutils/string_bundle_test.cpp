@@ -54,6 +54,56 @@ TEST_F(StringBundleTest, FillsTheNamesInAndWritesThemBack) {
   EXPECT_STREQ(VLIBCSzHashGetValue(texts.texts, "hello"), "Welcome to CS100 (ZEM)");
 }
 
+TEST_F(StringBundleTest, TextsAreThereFromTheStart) {
+  StringBundle texts("common", nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_STREQ(VLIBCSzHashGetValue(texts.texts, "ok"), "OK");
+}
+
+TEST_F(StringBundleTest, ATextForScriptsIsWrittenBackUnescaped) {
+  WriteTexts("webman", "enu", "[common]\nhello = \"_OSNAME_'s\"\n");
+  StringBundle texts("common", nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_STREQ(texts.TextJscript("hello", ""), "ZEM\\'s");
+  EXPECT_STREQ(VLIBCSzHashGetValue(texts.texts, "hello"), "ZEM's");
+}
+
+TEST_F(StringBundleTest, TheTextGivenInsteadIsFilledInToo) {
+  StringBundle texts("common", nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_STREQ(texts.Text("none", "%OSNAME%"), "ZEM");
+  EXPECT_STREQ(texts.TextJscript("none2", "_CRATESERVER_"), "CS100");
+}
+
+TEST_F(StringBundleTest, SixSectionsEachInItsSlot) {
+  std::string file;
+  for (const char* section : {"s1", "s2", "s3", "s4", "s5", "s6"})
+    file += std::string("[") + section + "]\nkey_" + section + " = " + section + "\n";
+  WriteTexts("webman", "enu", file);
+  StringBundle texts("s1", "s2", "s3", "s4", "s5", "s6");
+  for (const char* section : {"s1", "s2", "s3", "s4", "s5", "s6"})
+    EXPECT_STREQ(texts.Text((std::string("key_") + section).c_str(), ""), section);
+  EXPECT_EQ(texts.LoadText(), 6);
+  texts.CacheParams(nullptr, nullptr, nullptr, "", nullptr, nullptr);
+  EXPECT_EQ(texts.LoadText(), 3);  // an empty name empties its slot, and ends the list
+  texts.CacheParams(nullptr, nullptr, nullptr, "s6", nullptr, nullptr);
+  EXPECT_EQ(texts.LoadText(), 6);  // the others have stayed
+}
+
+TEST_F(StringBundleTest, OfSeveralSectionsTheOneNamedFirstCounts) {
+  std::string file;
+  for (int section = 1; section <= 6; ++section) {
+    file += "[s" + std::to_string(section) + "]\n";
+    for (int key = 1; key <= section; ++key)
+      file += "from" + std::to_string(key) + " = s" + std::to_string(section) + "\n";
+  }
+  WriteTexts("webman", "enu", file);
+  StringBundle named("s1", "s2", "s3", "s4", "s5", "s6");
+  StringBundle kept(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+  for (int i = 1; i <= 6; ++i) {
+    const std::string key = "from" + std::to_string(i), text = "s" + std::to_string(i);
+    EXPECT_EQ(VLIBCSzHashGetValue(named.texts, key.c_str()), text);
+    EXPECT_EQ(kept.Text(key.c_str(), ""), text);
+  }
+}
+
 TEST_F(StringBundleTest, ATextWithoutPlaceholdersIsNotWrittenBack) {
   StringBundle texts("common", nullptr, nullptr, nullptr, nullptr, nullptr);
   faults::hooks.VLIBCSzHashSetValue = [](auto...) {
