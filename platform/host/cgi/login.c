@@ -78,11 +78,13 @@ static int judge_password(struct attempt *attempt, enum vemo_account state,
     case VEMO_PAM_NO_ACCOUNT:
       return LOGIN_DISABLED;
     case VEMO_PAM_REFUSED:
-      /* PAM has nothing to compare with here, and answers too soon. Only the owner
-       * learns that an account is locked. */
-      return password->unchecked && vemo_password_matches(attempt->password, password->hash)
-                 ? LOGIN_DISABLED
-                 : LOGIN_WRONG;
+      if (!password->unchecked) return LOGIN_WRONG;
+      /* PAM has nothing to compare with here, and answers too soon: for a password it works
+       * out two hashes, one of them to see whether it is empty. */
+      vemo_password_matches("", "");
+      /* Only the owner learns that an account is locked. */
+      return vemo_password_matches(attempt->password, password->hash) ? LOGIN_DISABLED
+                                                                      : LOGIN_WRONG;
     default:
       return LOGIN_FAULT;
   }
