@@ -1,6 +1,9 @@
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
+if(ZEM_PLATFORM STREQUAL "host")
+  pkg_check_modules(WBCLIENT REQUIRED wbclient)  # its interface; it is opened when it is needed
+endif()
 
 # Debian ships json-c's archive, but no archive of jsoncpp: script/bootstrap
 # builds that one from Debian's source package.

@@ -4,14 +4,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
 #include "core/internal.h"
+#include "storage/mounts.h"
 
 enum { FS_OTHER = 4, FS_NETWORK_FUSE = 14 };
 
@@ -69,71 +68,24 @@ static int code_of(const char *name) {
   return FS_OTHER;
 }
 
-/* One line of /proc/self/mountinfo (proc(5)). */
-struct mount {
+struct search {
+  const char *point; /* NULL: by the number */
   unsigned long long id;
-  char *point;
-  char *type;
+  int code; /* of the last that matches; -1 */
 };
 
-/* Blanks and the like stand as octal numbers. */
-static void decode(char *text) {
-  char *to = text;
+static void match(const struct vemo_mount *mount, void *data) {
+  struct search *search = data;
 
-  for (const char *from = text; *from != '\0'; from++) {
-    unsigned code;
-    if (*from == '\\' && sscanf(from + 1, "%3o", &code) == 1) {
-      *to++ = (char)code;
-      from += 3;
-    } else {
-      *to++ = *from;
-    }
-  }
-  *to = '\0';
+  const int matches =
+      search->point != NULL ? strcmp(mount->point, search->point) == 0 : mount->id == search->id;
+  if (matches) search->code = code_of(mount->type);
 }
 
-static int parse(char *line, struct mount *mount) {
-  char *rest = NULL;
+static int find_mount(const char *point, unsigned long long id) {
+  struct search search = {point, id, -1};
 
-  char *separator = strstr(line, " - ");
-  if (separator == NULL) return -1;
-  *separator = '\0';
-  mount->type = strtok_r(separator + 3, " \n", &rest);
-  const char *id = strtok_r(line, " ", &rest);
-  for (int i = 0; i < 4 && id != NULL; i++)
-    mount->point = strtok_r(NULL, " ", &rest);
-  if (id == NULL || mount->point == NULL || mount->type == NULL) return -1;
-  mount->id = strtoull(id, NULL, 10);
-  decode(mount->point);
-  return 0;
-}
-
-/* The code of the last mount for which `matches` answers 1; -1 there is none, or the table
- * cannot be read. */
-static int find_mount(int (*matches)(const struct mount *, const void *), const void *data) {
-  char *line = NULL;
-  size_t size = 0;
-  int code = -1;
-
-  FILE *table = fopen("/proc/self/mountinfo", "re");
-  if (table == NULL) return -1;
-  while (getline(&line, &size, table) > 0) {
-    struct mount mount;
-    if (parse(line, &mount) == 0 && matches(&mount, data)) code = code_of(mount.type);
-  }
-  free(line);
-  fclose(table);
-  return code;
-}
-
-static int has_id(const struct mount *mount, const void *data) {
-  const unsigned long long *id = data;
-
-  return mount->id == *id;
-}
-
-static int has_point(const struct mount *mount, const void *data) {
-  return strcmp(mount->point, data) == 0;
+  return vemo_each_mount(match, &search) == 0 ? search.code : -1;
 }
 
 /* The numbers of statfs(2) that say all; -1 for those that several file systems share. */
@@ -183,8 +135,7 @@ int VEMOGetFSType(const char *path, int reserved) {
   if (statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_MNT_ID, &extended) != 0) {
     return fail_examine();
   }
-  const unsigned long long id = extended.stx_mnt_id;
-  const int found = find_mount(has_id, &id);
+  const int found = find_mount(NULL, extended.stx_mnt_id);
   return found < 0 ? FS_OTHER : found;
 }
 
@@ -198,7 +149,7 @@ int VEMOFSIsInMountTable(const char *path) {
   memcpy(point, path, strlen(path) + 1);
   for (size_t length = strlen(point); length > 1 && point[length - 1] == '/'; length--)
     point[length - 1] = '\0';
-  return find_mount(has_point, point);
+  return find_mount(point, 0);
 }
 
 int VEMOFSDirIsMntPoint(const char *path) {

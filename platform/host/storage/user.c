@@ -5,13 +5,18 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "core/internal.h"
+#include "storage/domain.h"
+#include "storage/smb_conf.h"
 
+#define SETTINGS "/etc/vemoinfo.conf"
 #define USER_PREFERENCES "/usr/vemo/etc/preference"
 #define GROUP_PREFERENCES "/usr/vemo/etc/preference_group"
 
@@ -199,4 +204,52 @@ int VEMOGroupPreferenceDirGet(const char *group, char *buffer, int size) {
   const int named = path_in(GROUP_PREFERENCES, record.gr_name, buffer, size);
   free(texts);
   return named != 0 ? -1 : make_preferences(GROUP_PREFERENCES, buffer, 0, 0);
+}
+
+/* "name@dns.domain" of a domain that this machine has joined, as "DOMAIN\name". 1; 0. */
+static int convert_principal(const char *typed, char *buffer, int size) {
+  char domain[64], security[32];
+
+  const char *at = strrchr(typed, '@');
+  if (at == NULL || at == typed || at[1] == '\0') return 0;
+  /* Without a domain nobody is asked. */
+  if (vemo_smb_conf_global("security", security, sizeof security) != 1 ||
+      strcasecmp(security, "user") == 0 ||
+      vemo_domain_short_name(at + 1, domain, sizeof domain) != 1) {
+    return 0;
+  }
+  const int length = snprintf(buffer, (size_t)size, "%s\\%.*s", domain, (int)(at - typed), typed);
+  if (length > 0 && length < size) return 1;
+  VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
+  return -1;
+}
+
+int VEMOUserLoginNameConvert(const char *typed, char *buffer, int size) {
+  struct passwd record;
+  char *texts;
+
+  if (is_bad(typed, buffer, size)) return -1;
+  if (strlen(typed) >= (size_t)size) {
+    VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
+    return -1;
+  }
+  const int error = vemo_find_user(typed, &record, &texts);
+  if (error == 0) {
+    free(texts);
+    return put(typed, buffer, size) == 0 ? 1 : -1;
+  }
+  return convert_principal(typed, buffer, size);
+}
+
+BOOL VEMOServiceUserHomeIsEnabled(enum vemo_user_kind kind) {
+  const char *key = kind == VEMOUSER_DOMAIN      ? "userhome_enable_domain"
+                    : kind == VEMOUSER_DIRECTORY ? "userhome_enable_directory"
+                                                 : "userhome_enable";
+  char value[16];
+
+  /* What is not said of domains holds as for local users. */
+  if (VLIBCFileGetKeyValue(SETTINGS, key, value, sizeof value) == 1) {
+    return strcasecmp(value, "yes") == 0;
+  }
+  return kind != VEMOUSER_LOCAL && VEMOServiceUserHomeIsEnabled(VEMOUSER_LOCAL);
 }

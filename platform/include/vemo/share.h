@@ -4,6 +4,7 @@
 #ifndef VEMO_SHARE_H
 #define VEMO_SHARE_H
 
+#include <vemo/core.h>
 #include <vemo/types.h>
 
 VEMO_BEGIN
@@ -34,8 +35,23 @@ int VEMOShareNamePathGet(const char *path, char *name, int name_size, char *shar
                          int share_path_size);
 
 /* What the user may do in the share: VEMOSHARE_PRIV_NONE, _RO or _RW; -1 for an unknown user
- * (VEMOERR_NO_USER). */
+ * (VEMOERR_NO_USER).
+ *
+ * Decided as Samba does (smb.conf(5)): "invalid users" have none; where there are "valid
+ * users", others have none; "read only" is the rule, "read list" takes writing away, "write
+ * list" gives it, and wins. "admin users" and guests change nothing here. In lists, "@name" is
+ * a netgroup or a group, "+name" a group, "&name" a netgroup; "%S" is the share, "%U" the
+ * user. Of the virtual share "homes", administrators have all and others nothing. */
 int VEMOShareUserPrivGet(const char *user, const VEMOSHARE *share);
+
+/* The same, and why: one of "invalid users", "valid users", "read only", "read list", "write
+ * list", "homes", the setting that decided, in the buffer. */
+int VEMOShareUserPrivReasonGet(const char *user, const VEMOSHARE *share, char *reason, int size);
+
+/* The names of all shares, sorted without regard to case. Their number, and the list in
+ * `*names`, released with VLIBCSzListFree; -1 and NULL (VEMOERR_NOT_FOUND, VEMOERR_FORMAT,
+ * VEMOERR_NO_MEMORY). */
+int VEMOShareEnum(VEMOSZLIST **names);
 
 /* Where the platform keeps data of its own on a volume. 0; -1 when it is none any more
  * (VEMOERR_NO_VOLUME). */
