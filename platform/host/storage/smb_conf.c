@@ -107,8 +107,9 @@ static VEMOSZHASH *target_of(struct reading *reading) {
 static int copy_pair(const char *key, const char *value, void *data) {
   VEMOSZHASH *to = data;
 
-  /* What the section says itself stays. */
-  return vemo_hash_set(to, key, strlen(key), value, strlen(value), 1);
+  /* What the section says itself stays; parametric options are no parameters there. */
+  const int keep = strchr(key, ':') == NULL;
+  return vemo_hash_set(to, key, strlen(key), value, strlen(value), keep);
 }
 
 /* [global] as it is now, for the sections that begin before it changes again. */
@@ -149,6 +150,7 @@ static int add_section(struct reading *reading, const char *name, size_t size, c
   struct vemo_smb_section *section = &reading->sections[reading->conf.count];
   *section = (struct vemo_smb_section){.name = vemo_arena_copy(&reading->arena, name, size),
                                        .general = snapshot(reading),
+                                       .global = reading->global,
                                        .own = VLIBCSzHashAlloc(8)};
   if (section->name == NULL || section->general == NULL || section->own == NULL) {
     VLIBCSzHashFree(section->own);
@@ -159,11 +161,41 @@ static int add_section(struct reading *reading, const char *name, size_t size, c
   return VLIBCSzHashSetValue(reading->by_name, folded, index);
 }
 
-static int begin_section(struct reading *reading, const char *name, size_t size) {
-  char folded[NAME_LIMIT];
+/* Parametric options ("type:name") are given anew where a section is continued. */
+static int forget_parametric(const char *key, const char *value, void *data) {
+  (void)value;
+  return strchr(key, ':') == NULL ? 0 : VLIBCSzHashSetValue(data, key, "");
+}
 
-  trim(&name, &size);
-  if (fold(name, size, 1, folded) != 0) return 0;
+/* Samba makes a section without a path unavailable where it ends, and copies that too. */
+static int end_section(struct reading *reading) {
+  if (reading->current == SIZE_MAX) return 0;
+  struct vemo_smb_section *section = &reading->sections[reading->current];
+  if (strcasecmp(section->name, "homes") == 0 || strcasecmp(section->name, "printers") == 0)
+    return 0;
+  const char *path = vemo_smb_value(section, "path");
+  if (path != NULL && *path != '\0') return 0;
+  return VLIBCSzHashSetValue(section->own, "available", "no");
+}
+
+/* Of a run of blanks the first one stays. The new size; SIZE_MAX: too long for a share. */
+static size_t condense(const char *name, size_t size, char *condensed) {
+  size_t used = 0;
+
+  for (size_t i = 0; i < size; i++) {
+    if (is_blank(name[i]) && i > 0 && is_blank(name[i - 1])) continue;
+    if (used + 1 >= NAME_LIMIT) return SIZE_MAX;
+    condensed[used++] = name[i];
+  }
+  return used;
+}
+
+static int begin_section(struct reading *reading, const char *header, size_t header_size) {
+  char folded[NAME_LIMIT], name[NAME_LIMIT];
+
+  const size_t size = condense(header, header_size, name);
+  if (size == SIZE_MAX || fold(name, size, 1, folded) != 0) return 0;
+  if (end_section(reading) != 0) return -1;
   if (strcmp(folded, "global") == 0 || strcmp(folded, "globals") == 0) {
     reading->current = SIZE_MAX;
     return 0;
@@ -171,7 +203,8 @@ static int begin_section(struct reading *reading, const char *name, size_t size)
   const size_t found = find_section(reading, folded);
   if (found == SIZE_MAX) return add_section(reading, name, size, folded);
   reading->current = found;
-  return 0;
+  VEMOSZHASH *own = reading->sections[found].own;
+  return vemo_hash_each(own, forget_parametric, own);
 }
 
 static int copy_section(struct reading *reading, const char *name) {
@@ -322,6 +355,11 @@ static int read_file(struct reading *reading, const char *path, int depth) {
 const char *vemo_smb_value(const struct vemo_smb_section *section, const char *parameter) {
   const char *value = VLIBCSzHashGetValue(section->own, parameter);
 
+  /* Parametric options have no defaults of their own: [global] is asked as it ended up. */
+  if (strchr(parameter, ':') != NULL) {
+    return value != NULL && *value != '\0' ? value
+                                           : VLIBCSzHashGetValue(section->global, parameter);
+  }
   return value != NULL ? value : VLIBCSzHashGetValue(section->general, parameter);
 }
 
@@ -447,6 +485,7 @@ static struct reading *read_all(void) {
   const int failed = read_file(reading, CONFIGURATION, 0);
   if (as_root) vemo_root_end(before);
   if (failed) goto failed;
+  if (end_section(reading) != 0) goto no_memory;
   if (index_shares(reading) == 0) return reading;
 
 no_memory:

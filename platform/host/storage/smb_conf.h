@@ -3,8 +3,10 @@
  * (smb.conf(5)). Not installed.
  *
  * Names of sections and parameters are compared without regard to case, those of parameters
- * without blanks; later settings win; a backslash at the end of a line continues it; lines
- * that begin with "#" or ";" are comments. "include" takes a path without variables, but for
+ * without blanks; runs of blanks in a section's name are one, also at its ends; later settings
+ * win; a section that ends without a path is not available, even when it is given one later; a
+ * backslash at the end of a line continues it; lines that begin with "#" or ";" are comments.
+ * "include" takes a path without variables, but for
  * "%h"; "copy" takes the settings of an earlier section. What [global] says of shares before
  * a section begins is that section's default.
  */
@@ -18,10 +20,11 @@
 VEMO_BEGIN
 
 struct vemo_smb_section {
-  const char *name;    /* as written first */
-  const char *path;    /* absolute, no slash at its end; NULL: it is no share */
-  VEMOSZHASH *own;     /* parameter: value; names in lower case, without blanks */
-  VEMOSZHASH *general; /* what [global] had said before; shared by sections */
+  const char *name;         /* as written first */
+  const char *path;         /* absolute, no slash at its end; NULL: it is no share */
+  VEMOSZHASH *own;          /* parameter: value; names in lower case, without blanks */
+  VEMOSZHASH *general;      /* what [global] had said before; shared by sections */
+  const VEMOSZHASH *global; /* what it says in the end */
 };
 
 struct vemo_smb_conf {

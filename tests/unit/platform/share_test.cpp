@@ -1,0 +1,516 @@
+// Shares: what smb.conf says, as Samba reads it, and what accounts may do in them.
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vemo/core.h>
+#include <vemo/share.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cgi_accounts.h"
+
+using namespace accounts;
+
+namespace {
+
+constexpr char kConf[] = "/etc/samba/smb.conf";
+
+using Share = std::unique_ptr<VEMOSHARE, void (*)(VEMOSHARE*)>;
+
+Share Get(const std::string& name) {
+  VEMOSHARE* share = nullptr;
+  const int result = VEMOShareGet(name.c_str(), &share);
+  EXPECT_EQ(result, share == nullptr ? -1 : 0) << name;
+  return {share, VEMOShareFree};
+}
+
+std::string PathOf(const std::string& name) {
+  const Share share = Get(name);
+  return share == nullptr ? "" : share->path;
+}
+
+int Priv(const std::string& user, const std::string& share) {
+  return VEMOShareUserPrivGet(user.c_str(), Get(share).get());
+}
+
+std::string Why(const std::string& user, const std::string& share) {
+  char reason[32] = "";
+  VEMOShareUserPrivReasonGet(user.c_str(), Get(share).get(), reason, sizeof reason);
+  return reason;
+}
+
+std::string At(const std::string& path) {
+  char name[256], share_path[4096];
+  if (VEMOShareNamePathGet(path.c_str(), name, sizeof name, share_path, sizeof share_path) != 0)
+    return "";
+  return std::string(name) + " " + share_path;
+}
+
+std::vector<std::string> Names() {
+  VEMOSZLIST* list = nullptr;
+  std::vector<std::string> names;
+  const int count = VEMOShareEnum(&list);
+  for (int i = 0; i < count; i++)
+    names.emplace_back(VLIBCSzListGet(list, i));
+  VLIBCSzListFree(list);
+  return names;
+}
+
+class Shares : public testing::Test {
+ protected:
+  void SetUp() override {
+    Shell(
+        "mkdir -p /etc/samba; getent group administrators >/dev/null || groupadd administrators;"
+        "groupadd games2; groupadd 'kids'; useradd -M -G games2 gamer; useradd -M -g kids kid;"
+        "useradd -M stranger; useradd -M -G administrators boss;"
+        "printf '%s\\n' 'CORP\\dora:x:7001:100::/:/bin/false' >> /etc/passwd;"
+        "sed -i '/userhome/d' /etc/vemoinfo.conf");
+  }
+};
+
+TEST_F(Shares, SectionsWithAPathAreShares) {
+  Write(kConf, R"([global]
+  workgroup = TEST
+[Photo]
+  path = /volume1/photo/
+[no path]
+  comment = x
+[off]
+  path = /volume1/off
+  available = no
+[printer]
+  path = /var/spool
+  printable = yes
+[printers]
+  path = /var/spool
+[homes]
+  path = /x
+[relative]
+  path = volume1
+[two words]
+  directory = "/volume1//two words"
+[own]
+  path = /volume1/%S
+[other]
+  path = /volume1/%U
+)");
+  EXPECT_EQ(PathOf("Photo"), "/volume1/photo");
+  EXPECT_EQ(PathOf("pHOTO"), "/volume1/photo");
+  EXPECT_STREQ(Get("photo")->name, "Photo");
+  EXPECT_EQ(PathOf("Two Words"), "/volume1/two words");
+  EXPECT_EQ(PathOf("own"), "/volume1/own");
+  for (const char* name : {"no path", "off", "printer", "printers", "homes", "relative", "other",
+                           "global", "none", "Photo ", "pho"}) {
+    VLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(PathOf(name), "") << name;
+    EXPECT_EQ(VLIBCErrGet(), VEMOERR_NO_SHARE) << name;
+  }
+  EXPECT_EQ(Names(), (std::vector<std::string>{"own", "Photo", "two words"}));
+}
+
+TEST_F(Shares, BadArguments) {
+  Write(kConf, "[a]\npath=/a\n");
+  VEMOSHARE* share = reinterpret_cast<VEMOSHARE*>(1);
+  for (const char* name : {static_cast<const char*>(nullptr), ""}) {
+    EXPECT_EQ(VEMOShareGet(name, &share), -1);
+    EXPECT_EQ(share, nullptr);
+    EXPECT_EQ(VLIBCErrGet(), VEMOERR_BAD_PARAM);
+  }
+  EXPECT_EQ(VEMOShareGet("a", nullptr), -1);
+  VEMOShareFree(nullptr);
+  const Share good = Get("a");
+  EXPECT_EQ(VEMOShareUserPrivGet(nullptr, good.get()), -1);
+  EXPECT_EQ(VEMOShareUserPrivGet("", good.get()), -1);
+  EXPECT_EQ(VEMOShareUserPrivGet("root", nullptr), -1);
+  int hide;
+  EXPECT_EQ(VLIBShareHideUnreadableGet(nullptr, &hide), -1);
+  EXPECT_EQ(VLIBShareHideUnreadableGet(good.get(), nullptr), -1);
+}
+
+TEST_F(Shares, FilesThatAreNone) {
+  unlink(kConf);
+  EXPECT_EQ(PathOf("a"), "");
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_NOT_FOUND);
+  EXPECT_TRUE(Names().empty());
+  Write(kConf, std::string("[a]\npath=/a\0\n", 13));
+  EXPECT_EQ(PathOf("a"), "");
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_FORMAT);
+  unlink(kConf);
+  mkdir(kConf, 0755);
+  EXPECT_EQ(PathOf("a"), "");
+  rmdir(kConf);
+  ASSERT_EQ(mkfifo(kConf, 0644), 0);
+  EXPECT_EQ(PathOf("a"), "");
+  unlink(kConf);
+  Write(kConf, "[a]\npath=/a\n");
+  EXPECT_EQ(PathOf("a"), "/a");  // and it is read again
+}
+
+TEST_F(Shares, TheGrammar) {
+  Write(kConf,
+        "\xef\xbb\xbf; comment\n# another \\\n[Spaced   \tout]\n PATH=/a\nRead   Only = "
+        "no\nnonsense\n= x\n"
+        "[cont]\npa\\\nth = /b\\\n/c\n[crlf]\r\npath = /d\r\nwriteable = yes\r\n"
+        "[again]\npath = /e\n[AGAIN]\npath = /f\n[broken\npath = /g\n[]\npath=/h\n"
+        "[last]\npath = /i");
+  EXPECT_EQ(PathOf("Spaced out"), "/a");
+  EXPECT_EQ(Priv("stranger", "Spaced out"), 2);
+  EXPECT_EQ(PathOf("cont"), "/b/c");
+  EXPECT_EQ(PathOf("crlf"), "/d");
+  EXPECT_EQ(Priv("stranger", "crlf"), 2);
+  EXPECT_EQ(PathOf("again"), "/h");  // what is no header leaves the section as it is
+  EXPECT_EQ(PathOf("last"), "/i");
+}
+
+TEST_F(Shares, SynonymsAndTheLastOne) {
+  Write(kConf, R"([w1]
+path=/1
+writable=yes
+[w2]
+path=/2
+write ok = Yes
+[w3]
+path=/3
+writeable=1
+[r1]
+path=/4
+writable=yes
+read only=yes
+[r2]
+path=/5
+read only=no
+writable=no
+[odd]
+path=/6
+read only=maybe
+)");
+  const std::map<std::string, int> rows = {{"w1", 2}, {"w2", 2}, {"w3", 2},
+                                           {"r1", 1}, {"r2", 1}, {"odd", 1}};
+  for (const auto& [share, privilege] : rows)
+    EXPECT_EQ(Priv("stranger", share), privilege) << share;
+}
+
+TEST_F(Shares, DefaultsCopiesAndInclusions) {
+  Write("/etc/samba/extra.conf", "vemo:restrictions = 4\n[included]\npath = /inc\n");
+  Write("/etc/samba/loop.conf", "include = /etc/samba/loop.conf\n[looped]\npath=/loop\n");
+  Write(kConf, R"(
+writable = yes
+[before]
+path = /1
+[global]
+read only = yes
+hide unreadable = yes
+[after]
+path = /2
+[copied]
+copy = before
+path = /3
+[mine first]
+path = /4
+copy = after
+[extra]
+path = /5
+include = /etc/samba/extra.conf
+include = /etc/samba/%U.conf
+include = relative.conf
+include = /etc/samba/none.conf
+include = /etc/samba/loop.conf
+)");
+  EXPECT_EQ(Priv("stranger", "before"), 2);  // the defaults of the time when it began
+  EXPECT_EQ(Priv("stranger", "after"), 1);
+  EXPECT_EQ(PathOf("copied"), "/3");
+  EXPECT_EQ(PathOf("mine first"), "/4");
+  EXPECT_EQ(Get("extra")->restrictions, 4);
+  EXPECT_EQ(PathOf("included"), "/inc");
+  EXPECT_EQ(PathOf("looped"), "/loop");
+  int hide = -1;
+  EXPECT_EQ(VLIBShareHideUnreadableGet(Get("after").get(), &hide), 0);
+  EXPECT_EQ(hide, 1);
+  EXPECT_EQ(VLIBShareHideUnreadableGet(Get("before").get(), &hide), 0);
+  EXPECT_EQ(hide, 0);
+}
+
+TEST_F(Shares, OwnOptions) {
+  Write(
+      kConf,
+      "[a]\npath=/a\nvemo:restrictions = 5\nVEMO:Encrypted = yes\n[b]\npath=/b\nvemo:encrypted=no\n"
+      "vemo:restrictions=x\n");
+  EXPECT_EQ(Get("a")->restrictions, 5);
+  EXPECT_EQ(Get("a")->status, static_cast<unsigned>(VEMOSHARE_STATUS_ENCRYPTED));
+  EXPECT_EQ(Get("b")->restrictions, 0);
+  EXPECT_EQ(Get("b")->status, 0u);
+}
+
+TEST_F(Shares, PathsBelongToTheDeepestShare) {
+  Write(kConf,
+        "[photo]\npath=/volume1/photo\n[photo2]\npath=/volume1/photo2\n[deep]\npath=/volume1/photo/"
+        "a/b\n"
+        "[twin]\npath=/volume1/photo\n");
+  EXPECT_EQ(At("/volume1/photo"), "photo /volume1/photo");
+  EXPECT_EQ(At("/volume1/photo/"), "photo /volume1/photo");
+  EXPECT_EQ(At("/volume1/photo/x"), "photo /volume1/photo");
+  EXPECT_EQ(At("/volume1/photo2/x"), "photo2 /volume1/photo2");
+  EXPECT_EQ(At("/volume1/photo/a"), "photo /volume1/photo");
+  EXPECT_EQ(At("/volume1/photo/a/b/c"), "deep /volume1/photo/a/b");
+  for (const char* path : {"/volume1", "/volume1/phot", "/", "/etc"}) {
+    EXPECT_EQ(At(path), "") << path;
+    EXPECT_EQ(VLIBCErrGet(), VEMOERR_NO_SHARE) << path;
+  }
+  for (const char* path : {"/volume1/photo/../x", "/volume1/photo/.", "/volume1/./photo", "/.."}) {
+    EXPECT_EQ(At(path), "") << path;
+    EXPECT_EQ(VLIBCErrGet(), VEMOERR_PATH_REFUSED) << path;
+  }
+  EXPECT_EQ(At("/volume1/photo/..."), "photo /volume1/photo");
+  EXPECT_EQ(At("volume1/photo"), "");
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_BAD_PARAM);
+  char name[3], path[4096];
+  EXPECT_EQ(VEMOShareNamePathGet("/volume1/photo", name, sizeof name, path, sizeof path), -1);
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_TOO_LONG);
+}
+
+TEST_F(Shares, RightsAreSambas) {
+  Write(kConf, R"([ro]
+path=/1
+[rw]
+path=/2
+read only=no
+[valid]
+path=/3
+read only=no
+valid users = @games2, "kid"
+[invalid]
+path=/4
+read only=no
+invalid users = +games2 kid
+[both]
+path=/5
+valid users=kid
+invalid users=kid
+[lists]
+path=/6
+read list = @games2
+write list = kid
+[lists rw]
+path=/7
+read only = no
+read list = @games2 kid
+write list = kid
+[admin]
+path=/8
+admin users = gamer
+[guest]
+path=/9
+guest ok = yes
+valid users = kid
+[own]
+path=/10
+valid users = %S gamer
+[kid]
+path=/11
+valid users = %S
+[asker]
+path=/12
+valid users = %U
+[domain]
+path=/13
+valid users = "corp\dora"
+[marks]
+path=/14
+valid users = +&kids @ "" &nogroup
+[empty]
+path=/15
+valid users =
+[unknown]
+path=/16
+valid users = %m gamer
+)");
+  struct Row {
+    const char *share, *user;
+    int privilege;
+    const char* why;
+  };
+  for (const Row& row :
+       {Row{"ro", "stranger", 1, "read only"},    {"rw", "stranger", 2, "read only"},
+        {"valid", "gamer", 2, "read only"},       {"valid", "KID", -1, ""},
+        {"valid", "kid", 2, "read only"},         {"valid", "stranger", 0, "valid users"},
+        {"valid", "boss", 0, "valid users"},      {"invalid", "gamer", 0, "invalid users"},
+        {"invalid", "kid", 0, "invalid users"},   {"invalid", "stranger", 2, "read only"},
+        {"both", "kid", 0, "invalid users"},      {"lists", "gamer", 1, "read list"},
+        {"lists", "kid", 2, "write list"},        {"lists", "stranger", 1, "read only"},
+        {"lists rw", "gamer", 1, "read list"},    {"lists rw", "kid", 2, "write list"},
+        {"lists rw", "stranger", 2, "read only"}, {"admin", "gamer", 1, "read only"},
+        {"guest", "stranger", 0, "valid users"},  {"own", "gamer", 1, "read only"},
+        {"own", "kid", 0, "valid users"},         {"kid", "kid", 1, "read only"},
+        {"kid", "gamer", 0, "valid users"},       {"asker", "stranger", 1, "read only"},
+        {"domain", "CORP\\dora", 1, "read only"}, {"domain", "kid", 0, "valid users"},
+        {"marks", "kid", 1, "read only"},         {"marks", "gamer", 0, "valid users"},
+        {"empty", "stranger", 1, "read only"},    {"unknown", "gamer", 1, "read only"},
+        {"unknown", "kid", 0, "valid users"},     {"ro", "nobody-known", -1, ""}}) {
+    EXPECT_EQ(Priv(row.user, row.share), row.privilege) << row.share << " " << row.user;
+    if (row.privilege < 0) {
+      EXPECT_EQ(VLIBCErrGet(), VEMOERR_NO_USER);
+    } else {
+      EXPECT_EQ(Why(row.user, row.share), row.why) << row.share << " " << row.user;
+    }
+  }
+}
+
+TEST_F(Shares, TheHomesAreAShareWhileTheyAreOn) {
+  Write(kConf,
+        "[a]\npath=/a\n[homes]\ninvalid users = boss2\nvemo:restrictions = 1\n[z]\npath=/z\n");
+  Shell("useradd -M -G administrators boss2");
+  EXPECT_EQ(PathOf("homes"), "");
+  Shell("printf 'userhome_enable=\"yes\"\\n' >> /etc/vemoinfo.conf");
+  EXPECT_EQ(PathOf("Homes"), "/volume1/homes");
+  EXPECT_EQ(Names(), (std::vector<std::string>{"a", "homes", "z"}));
+  EXPECT_EQ(At("/volume1/homes/kid/x"), "homes /volume1/homes");
+  EXPECT_EQ(Priv("boss", "homes"), 2);
+  EXPECT_EQ(Priv("boss2", "homes"), 0);
+  EXPECT_EQ(Priv("kid", "homes"), 0);
+  EXPECT_EQ(Why("kid", "homes"), "homes");
+  EXPECT_EQ(Get("homes")->restrictions, 1);
+  Shell("printf 'userhome_location=\"/volume2/people/\"\\n' >> /etc/vemoinfo.conf");
+  EXPECT_EQ(PathOf("homes"), "/volume2/people");
+  // A section of that name with a path is a share like any other, under Samba's rules.
+  Write(kConf, "[HOMES]\ncomment=x\n[a]\npath=/a\n");
+  EXPECT_EQ(PathOf("homes"), "/volume2/people");
+}
+
+TEST_F(Shares, TheFileIsReadAgainWhenItChanged) {
+  Write(kConf, "[a]\npath=/a\ninclude = /etc/samba/more.conf\n");
+  EXPECT_EQ(PathOf("b"), "");
+  Write("/etc/samba/more.conf", "[b]\npath=/b\n");
+  EXPECT_EQ(PathOf("b"), "/b");
+  Write("/etc/samba/more.conf", "[b]\npath=/c\n");
+  EXPECT_EQ(PathOf("b"), "/c");
+  const Share kept = Get("b");
+  Write(kConf, "[a]\npath=/a\n");
+  EXPECT_EQ(PathOf("b"), "");
+  EXPECT_STREQ(kept->path, "/c");  // a record is its holder's
+}
+
+TEST_F(Shares, AThousandOfThem) {
+  std::string text;
+  for (int i = 0; i < 1000; i++) {
+    const std::string number = std::to_string(i);
+    text += "[share" + number + "]\npath = /volume1/share" + number + "\nvalid users = gamer\n";
+  }
+  Write(kConf, text);
+  Shell("touch -d '-1 hour' /etc/samba/smb.conf; sleep 0.2");
+  for (int i = 0; i < 1000; i++) {
+    const std::string name = "share" + std::to_string(i);
+    EXPECT_EQ(PathOf(name), "/volume1/" + name);
+    EXPECT_EQ(At("/volume1/" + name + "/a/b"), name + " /volume1/" + name);
+  }
+}
+
+TEST_F(Shares, AfterTheProcessHasBecomeTheUser) {
+  Write(kConf, "[a]\npath=/a\n");
+  chmod(kConf, 0600);
+  ASSERT_EQ(seteuid(65534), 0);
+  EXPECT_EQ(PathOf("a"), "/a");
+  EXPECT_EQ(geteuid(), 65534u);
+}
+
+// --- testparm is the judge of the reading ---
+
+struct Section {
+  std::string path;
+  std::map<std::string, std::string> values;
+};
+
+// What "testparm -s" prints: parameters that differ from their defaults.
+std::map<std::string, Section> Judge() {
+  Shell("testparm -s /etc/samba/smb.conf > /tmp/judged 2>/tmp/complaints; true");
+  std::map<std::string, Section> sections;
+  std::ifstream file("/tmp/judged");
+  std::string current;
+  for (std::string line; std::getline(file, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    if (line[0] == '[') {
+      current = line.substr(1, line.size() - 2);
+      continue;
+    }
+    const size_t equals = line.find(" = ");
+    if (equals == std::string::npos) continue;
+    sections[current].values[line.substr(1, equals - 1)] = line.substr(equals + 3);
+  }
+  return sections;
+}
+
+TEST_F(Shares, ReadAsTestparmReadsIt) {
+  if (system("command -v testparm >/dev/null") != 0) GTEST_SKIP() << "no testparm";
+  std::mt19937 random(20260101);
+  const auto pick = [&](const std::vector<std::string>& list) {
+    return list[random() % list.size()];
+  };
+  for (int round = 0; round < 60; round++) {
+    std::string text = pick({"[global]\n", "# x\n[GLOBAL]\n", "[global]\nread only = no\n",
+                             "[global]\nhide unreadable = yes\nwritable = no\n"});
+    text += pick(
+        {"[base]\nwritable = yes\n", "[base]\nhide unreadable = yes\nvemo:restrictions = 7\n"});
+    for (int i = 0; i < 6; i++) {
+      text +=
+          pick({"[share" + std::to_string(i % 4) + "]\n", "[ Share" + std::to_string(i) + " ]\n",
+                "  [SHARE" + std::to_string(i % 3) + "]\n"});
+      for (int j = 0; j < 6; j++) {
+        text += pick(
+            {"path = /volume1/p" + std::to_string(random() % 5) + "\n", "  Path=/volume1/q\n",
+             "directory = /volume1/d \\\n\n",
+             "read only = " + pick({"yes", "no", "True", "0", "off"}) + "\n",
+             "WriteAble = " + pick({"yes", "no", "1"}) + "\n",
+             "write ok=" + pick({"true", "false"}) + "\n", "; comment \\\n", "# other\n",
+             "hide unreadable = " + pick({"yes", "no"}) + "\n", "valid users = gamer, @games2\n",
+             "invalid\tusers=kid\n", "available = " + pick({"yes", "no"}) + "\n",
+             "vemo:restrictions = " + pick({"1", "4", "5"}) + "\n", "\n",
+             "comment = [x] = y ; z # w\n", "read list = kid \\\n  gamer\n", "copy = base\n"});
+      }
+    }
+    Write(kConf, text);
+    const auto judged = Judge();
+    std::set<std::string> wanted;
+    for (const auto& [name, section] : judged) {
+      if (name == "global") continue;
+      // What is as in [global] is not printed again.
+      const auto value = [&](const char* key) {
+        for (const char* where : {name.c_str(), "global"}) {
+          const auto found = judged.find(where);
+          if (found != judged.end() && found->second.values.count(key) != 0) {
+            return found->second.values.at(key);
+          }
+        }
+        return std::string();
+      };
+      if (value("path").empty() || value("available") == "No") continue;
+      wanted.insert(name);
+      const Share share = Get(name);
+      ASSERT_NE(share, nullptr) << name << "\n" << text;
+      EXPECT_EQ(share->path, value("path")) << name << "\n" << text;
+      EXPECT_EQ(share->restrictions, std::atoi(value("vemo:restrictions").c_str())) << name << "\n"
+                                                                                    << text;
+      int hide = -1;
+      EXPECT_EQ(VLIBShareHideUnreadableGet(share.get(), &hide), 0);
+      EXPECT_EQ(hide, value("hide unreadable") == "Yes") << name << "\n" << text;
+      if (value("valid users").empty() && value("invalid users").empty() &&
+          value("read list").empty()) {
+        EXPECT_EQ(Priv("stranger", name), value("read only") == "No" ? 2 : 1) << name << "\n"
+                                                                              << text;
+      }
+    }
+    std::set<std::string> ours;
+    for (const std::string& name : Names())
+      ours.insert(name);
+    EXPECT_EQ(ours, wanted) << text;
+    if (HasFailure()) break;
+  }
+}
+
+}  // namespace
