@@ -1,11 +1,6 @@
 #include "webutils/system_info.h"
 
-#include <sys/stat.h>
 #include <vemo/core.h>
-#include <vemo/fs.h>
-
-#include "common/log.h"
-#include "webutils/paths.h"
 
 namespace {
 
@@ -28,25 +23,6 @@ std::string GetVersion() {
 std::string GetSmallFixNum() {
   static const std::string number = VersionValue("smallfixnumber", "0");
   return number;
-}
-
-bool IsMountPoint(std::string path) {
-  const int result = VEMOFSDirIsMntPoint(path.c_str());
-  if (result < 0) {
-    ZEM_LOG("%s:%d VEMOFSDirIsMntPoint(%s) fail" ZEM_LOG_PLATFORM_FORMAT, zem::kWebutilsSource,
-            path.c_str(), ZEM_LOG_PLATFORM_ARGS);
-  }
-  return result == 1;
-}
-
-std::string getMountType(std::string path) {
-  // The table first: a file system that does not answer is not asked.
-  int type = VEMOFSIsInMountTable(path.c_str());
-  if (type == -1) type = VEMOGetFSType(path.c_str(), 0);
-  if (VEMOFSIsImageFS(type) == 1) return "iso";
-  if (VEMOFSIsRemoteFS(type) != 1) return "";
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 ? "remote" : "remotefail";
 }
 
 }  // namespace WebUtils
