@@ -18,9 +18,9 @@
 
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "common/json_file.h"
+#include "programs/actions.h"
 #include "programs/csp_check.h"
 #include "programs/program.h"
 
@@ -29,10 +29,7 @@ namespace {
 constexpr char kBuiltIn[] = "/usr/vemo/etc/csp/";
 constexpr char kPackages[] = "/usr/local/etc/csp/";
 
-struct Outcome {
-  const char* error = nullptr;  // a key of the texts' section "common"
-  Json::Value data = Json::Value(Json::objectValue);
-};
+using program::Outcome;
 
 Json::Value ProblemsOf(const Json::Value& document) {
   Json::Value problems(Json::arrayValue);
@@ -126,37 +123,16 @@ Outcome Delete(WebMan& request) {
   return {VEMO::ZEM::CspRule(name, IsPackage(request)).Delete() ? nullptr : "error_system"};
 }
 
-struct Action {
-  std::string_view name;
-  bool changes;
-  Outcome (*run)(WebMan& request);
+constexpr program::Action kActions[] = {
+    {"list", VEMOCGI_PRIV_ADMIN, false, List},    {"get", VEMOCGI_PRIV_ADMIN, false, Get},
+    {"load", VEMOCGI_PRIV_ADMIN, false, Load},    {"save", VEMOCGI_PRIV_ADMIN, true, Save},
+    {"delete", VEMOCGI_PRIV_ADMIN, true, Delete},
 };
-
-constexpr Action kActions[] = {
-    {"list", false, List}, {"get", false, Get},      {"load", false, Load},
-    {"save", true, Save},  {"delete", true, Delete},
-};
-
-Outcome Run(WebMan& request) {
-  const std::string asked = program::Field(request, "action");
-  for (const Action& action : kActions) {
-    // GET changes nothing, whatever it asks for.
-    if (action.name == asked && (!action.changes || program::IsPost())) return action.run(request);
-  }
-  return {"error_request"};
-}
 
 }  // namespace
 
 int main() {
   WebMan request(true);
-  program::QueuePrivateHeaders(request);
-  if (!request.IsAuthorized(nullptr, VEMOCGI_PRIV_ADMIN, VEMOCGI_POS_DESKTOP)) return 0;
-  const Outcome outcome = Run(request);
-  if (outcome.error == nullptr) {
-    program::AnswerSuccess(request, outcome.data);
-  } else {
-    program::AnswerFailure(request, "common", outcome.error, outcome.data);
-  }
+  program::Serve(request, kActions);
   return 0;
 }

@@ -3,6 +3,9 @@
 //   GET               the desktop's page, for everybody: it is where people log in
 //   GET page=JSID     an application on a page of its own, for those who are logged in
 //
+// On a port that serves one application alone, its page is the first one, after the login,
+// and there is no other.
+//
 // A page on its own loads the style sheets and the script of its application, and nothing
 // that stands in the page itself: policies let no inline script run.
 #include <security/security_options.h>
@@ -108,9 +111,16 @@ void WriteApplication(WebMan& request, const std::string& jsid) {
 int main() {
   WebMan request(true);
   program::QueuePrivateHeaders(request);
-  const std::string page = program::Field(request, "page");
+  const char* alone = std::getenv("REWRITE_APP");
+  const std::string asked = program::Field(request, "page");
+  const std::string page = asked.empty() && alone != nullptr ? alone : asked;
+  if (alone != nullptr && page != alone) WebMan::ResponseNotFound();
   if (page.empty()) {
     WriteDesktop(request);
+  } else if (alone != nullptr) {
+    // Where there is no other page to lead to, the login stands here.
+    const bool in = request.CheckAuthorized(VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP, false) == 1;
+    in ? WriteApplication(request, page) : WriteDesktop(request);
   } else if (request.IsAuthorized("/", VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP)) {
     WriteApplication(request, page);
   }

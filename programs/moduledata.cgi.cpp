@@ -10,30 +10,43 @@
 #include <vemo/taskmgr.h>
 
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "programs/actions.h"
 #include "programs/program.h"
 
 namespace {
 
 constexpr size_t kDocumentLimit = 1000;
 
-struct Outcome {
-  const char* error = nullptr;  // a key of the texts' section "common"
-  Json::Value data = Json::Value(Json::objectValue);
-};
+using program::Outcome;
 
 std::vector<std::string> Names(WebMan& request) {
   return ::ZEM::TaskMgr(request.GetLoginUserName().c_str()).taskNames();
 }
 
-Outcome List(WebMan& request, const char*) {
+// For good: nothing that follows needs root. Only root can make the caller's directory.
+bool BecomeCaller(WebMan& request) {
+  request.GetPreferenceDir();
+  return request.setUGID() == 0;
+}
+
+Outcome List(WebMan& request) {
+  if (!BecomeCaller(request)) return {"error_system"};
   Outcome outcome;
   outcome.data = Json::Value(Json::arrayValue);
   for (const std::string& name : Names(request))
     outcome.data.append(name);
   return outcome;
+}
+
+// Does it with the name that the request gives, as the caller.
+template <Outcome (*Do)(WebMan& request, const char* name)>
+Outcome Named(WebMan& request) {
+  const std::string name = program::Field(request, "name");
+  if (name.empty() || !program::IsUtf8(name.c_str())) return {"error_request"};
+  if (!BecomeCaller(request)) return {"error_system"};
+  return Do(request, name.c_str());
 }
 
 Outcome Get(WebMan& request, const char* name) {
@@ -57,46 +70,17 @@ Outcome Remove(WebMan& request, const char* name) {
   return {request.RemoveModuleData(name) ? nullptr : "error_not_found"};
 }
 
-struct Action {
-  std::string_view name;
-  bool needs_name;
-  bool changes;
-  Outcome (*run)(WebMan& request, const char* name);
+constexpr program::Action kActions[] = {
+    {"list", VEMOCGI_PRIV_USER, false, List},
+    {"get", VEMOCGI_PRIV_USER, false, Named<Get>},
+    {"write", VEMOCGI_PRIV_USER, true, Named<Write>},
+    {"remove", VEMOCGI_PRIV_USER, true, Named<Remove>},
 };
-
-constexpr Action kActions[] = {
-    {"list", false, false, List},
-    {"get", true, false, Get},
-    {"write", true, true, Write},
-    {"remove", true, true, Remove},
-};
-
-Outcome Run(WebMan& request) {
-  const std::string asked = program::Field(request, "action");
-  const std::string name = program::Field(request, "name");
-  for (const Action& action : kActions) {
-    if (action.name != asked) continue;
-    // GET changes nothing, whatever it asks for.
-    if (action.changes && !program::IsPost()) break;
-    if (action.needs_name && (name.empty() || !program::IsUtf8(name.c_str()))) break;
-    return action.run(request, name.c_str());
-  }
-  return {"error_request"};
-}
 
 }  // namespace
 
 int main() {
   WebMan request(true);
-  program::QueuePrivateHeaders(request);
-  if (!request.IsAuthorized(nullptr, VEMOCGI_PRIV_USER, VEMOCGI_POS_DESKTOP)) return 0;
-  // For good: nothing that follows needs root. Only root can make the caller's directory.
-  request.GetPreferenceDir();
-  const Outcome outcome = request.setUGID() == 0 ? Run(request) : Outcome{"error_system"};
-  if (outcome.error != nullptr) {
-    program::AnswerFailure(request, "common", outcome.error);
-  } else {
-    program::AnswerSuccess(request, outcome.data);
-  }
+  program::Serve(request, kActions);
   return 0;
 }

@@ -4,10 +4,11 @@
 //
 // A request with "poll" does not count as use, so that a window that is left open
 // keeps no session alive. The answer's data: the account's name, whether it is an
-// administrator, the anti-forgery token, whether requests must carry it, and the
-// language of the user interface.
+// administrator, the anti-forgery token, whether requests must carry it, the language of
+// the user interface, and on a port that serves one application alone its id as "app".
 #include <webman/webman.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "programs/program.h"
@@ -23,6 +24,8 @@ Json::Value Describe(WebMan& request) {
   data["token"] = request.GetVemoToken(false);
   data["token_enabled"] = request.IsTokenEnable();
   data["language"] = request.GetUILanguage();
+  const char* alone = std::getenv("REWRITE_APP");
+  if (alone != nullptr) data["app"] = alone;
   return data;
 }
 

@@ -104,7 +104,8 @@ def test_the_page_says_what_the_programs_say(language):
         assert page[key] == texts[key].replace("_CRATESERVER_", "CrateServer")
 
 
-OTHERS = ("product", "error_not_found", "error_too_large", "error_full", "error_csp_document")
+OTHERS = ("product", "error_not_found", "error_too_large", "error_full", "error_csp_document", "error_no_user",
+          "error_no_group", "no_pw")
 
 
 def section_is_for_the_page(key):

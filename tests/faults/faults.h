@@ -17,6 +17,7 @@
 #include <sys/types.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>
+#include <vemo/mail.h>
 
 #include <functional>
 

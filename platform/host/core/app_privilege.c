@@ -1,57 +1,16 @@
-/* Grants of applications, in an SQLite database that everybody may read:
- *
- *   CREATE TABLE grants(app TEXT NOT NULL, kind TEXT NOT NULL, name TEXT NOT NULL,
- *                       cidr TEXT NOT NULL, PRIMARY KEY(app, kind, name, cidr));
- *
- * kind "user", "group" or "everyone" (name ""); cidr "" or a range of addresses such as
- * "192.168.1.0/24", from where the grant holds. */
+/* Grants of applications: who holds one, and who is given one. */
 #include <arpa/inet.h>
-#include <dlfcn.h>
-#include <errno.h>
 #include <grp.h>
 #include <pwd.h>
-#include <sqlite3.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
+#include "core/grants.h"
 #include "core/internal.h"
 
-#define DATABASE "/usr/vemo/etc/app_priv.db"
+enum { NAME_LIMIT = 255, APPLICATION_LIMIT = 1023 };
 
-enum { BUSY_MILLISECONDS = 2000 };
-
-struct sqlite_calls {
-  int (*open)(const char *, sqlite3 **, int, const char *);
-  int (*close)(sqlite3 *);
-  int (*busy_timeout)(sqlite3 *, int);
-  int (*prepare)(sqlite3 *, const char *, int, sqlite3_stmt **, const char **);
-  int (*bind_text)(sqlite3_stmt *, int, const char *, int, void (*)(void *));
-  int (*step)(sqlite3_stmt *);
-  const unsigned char *(*column_text)(sqlite3_stmt *, int);
-  int (*finalize)(sqlite3_stmt *);
-};
-
-static int open_sqlite(struct sqlite_calls *sql) {
-  void *library = dlopen("libsqlite3.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-
-  if (library == NULL || vemo_find_function(library, "sqlite3_open_v2", &sql->open) ||
-      vemo_find_function(library, "sqlite3_close", &sql->close) ||
-      vemo_find_function(library, "sqlite3_busy_timeout", &sql->busy_timeout) ||
-      vemo_find_function(library, "sqlite3_prepare_v2", &sql->prepare) ||
-      vemo_find_function(library, "sqlite3_bind_text", &sql->bind_text) ||
-      vemo_find_function(library, "sqlite3_step", &sql->step) ||
-      vemo_find_function(library, "sqlite3_column_text", &sql->column_text) ||
-      vemo_find_function(library, "sqlite3_finalize", &sql->finalize)) {
-    VEMO_FAIL(VEMOERR_NO_SERVICE);
-    return -1;
-  }
-  return 0;
-}
-
-/* An address or a range, as 16 bytes and a number of bits; IPv4 mapped into IPv6 (RFC
- * 4291, section 2.5.5.2). 0; -1 it is none. */
-static int parse_range(const char *text, unsigned char *address, int *bits) {
+int vemo_parse_range(const char *text, unsigned char address[16], int *bits) {
   char copy[INET6_ADDRSTRLEN + 4];
   const size_t size = strcspn(text, "/");
   char *end;
@@ -68,11 +27,14 @@ static int parse_range(const char *text, unsigned char *address, int *bits) {
   }
   *bits = 128;
   if (text[size] == '\0') return 0;
+  if (strspn(text + size + 1, "0123456789") != strlen(text + size + 1)) return -1;
   const long given = strtol(text + size + 1, &end, 10);
   if (end == text + size + 1 || *end != '\0' || given < 0 || given > (is_v4 ? 32 : 128)) return -1;
   *bits = (int)given + (is_v4 ? 96 : 0);
   return 0;
 }
+
+/* --- Asking -------------------------------------------------------------------- */
 
 /* A range that cannot be read holds nobody. */
 static int is_within(const char *address, const char *range) {
@@ -80,7 +42,7 @@ static int is_within(const char *address, const char *range) {
   int all, bits;
 
   if (*range == '\0' || *address == '\0') return 1;
-  if (parse_range(address, a, &all) != 0 || parse_range(range, r, &bits) != 0) return 0;
+  if (vemo_parse_range(address, a, &all) != 0 || vemo_parse_range(range, r, &bits) != 0) return 0;
   const int bytes = bits / 8, rest = bits % 8;
   if (memcmp(a, r, (size_t)bytes) != 0) return 0;
   return rest == 0 || (a[bytes] ^ r[bytes]) >> (8 - rest) == 0;
@@ -104,51 +66,126 @@ static int is_for(const char *user, const char *kind, const char *name) {
   return strcmp(kind, "group") == 0 && is_member(user, name);
 }
 
-static const char *text_at(const struct sqlite_calls *sql, sqlite3_stmt *row, int column) {
-  const unsigned char *text = sql->column_text(row, column);
+struct question {
+  const char *user, *address;
+  int granted;
+};
 
-  return text == NULL ? "" : (const char *)text;
-}
+static int answer(const char *const columns[], void *data) {
+  struct question *question = data;
 
-static int ask(const struct sqlite_calls *sql, sqlite3 *database, const char *user, const char *app,
-               const char *address) {
-  sqlite3_stmt *rows = NULL;
-  int granted = 0, state;
-
-  sql->busy_timeout(database, BUSY_MILLISECONDS);
-  state =
-      sql->prepare(database, "SELECT kind, name, cidr FROM grants WHERE app = ?", -1, &rows, NULL);
-  if (state == SQLITE_OK) state = sql->bind_text(rows, 1, app, -1, SQLITE_STATIC);
-  if (state == SQLITE_OK) {
-    while (!granted && (state = sql->step(rows)) == SQLITE_ROW) {
-      granted = is_within(address, text_at(sql, rows, 2)) &&
-                is_for(user, text_at(sql, rows, 0), text_at(sql, rows, 1));
-    }
-  }
-  sql->finalize(rows);
-  if (granted) return 1;
-  if (state == SQLITE_DONE) return 0;
-  VEMO_FAIL(VEMOERR_NO_SERVICE);
-  return -1;
+  question->granted =
+      is_within(question->address, columns[2]) && is_for(question->user, columns[0], columns[1]);
+  return question->granted;
 }
 
 int VLIBAppPrivUserHas(const char *user, const char *app, const char *address) {
-  struct sqlite_calls sql;
-  sqlite3 *database = NULL;
-  int result = -1;
+  struct question question = {user, address == NULL ? "" : address, 0};
+  struct vemo_grants grants;
 
   if (user == NULL || *user == '\0' || app == NULL || *app == '\0') {
     VEMO_FAIL_PARAM();
     return -1;
   }
-  /* Nothing was ever granted. */
-  if (access(DATABASE, F_OK) != 0 && errno == ENOENT) return 0;
-  if (open_sqlite(&sql) != 0) return -1;
-  if (sql.open(DATABASE, &database, SQLITE_OPEN_READONLY, NULL) == SQLITE_OK) {
-    result = ask(&sql, database, user, app, address == NULL ? "" : address);
-  } else {
-    VEMO_FAIL(VEMOERR_NO_SERVICE);
+  const int opened = vemo_grants_open(&grants, 0);
+  if (opened <= 0) return opened;
+  const int rows = vemo_grants_run(&grants, "SELECT kind, name, cidr FROM grants WHERE app = ?",
+                                   (const char *const[]){app}, 1, answer, &question);
+  vemo_grants_close(&grants);
+  return rows < 0 ? -1 : question.granted;
+}
+
+/* --- Granting -------------------------------------------------------------------- */
+
+static int is_kind(const char *kind, const char *name) {
+  if (strcmp(kind, "everyone") == 0) return *name == '\0';
+  return *name != '\0' && (strcmp(kind, "user") == 0 || strcmp(kind, "group") == 0);
+}
+
+static int is_grant(const char *app, const char *kind, const char *name, const char *range) {
+  unsigned char address[16];
+  int bits;
+
+  if (app != NULL && *app != '\0' && strlen(app) <= APPLICATION_LIMIT && kind != NULL &&
+      strlen(name) <= NAME_LIMIT && is_kind(kind, name) &&
+      (*range == '\0' || vemo_parse_range(range, address, &bits) == 0)) {
+    return 1;
   }
-  sql.close(database);
-  return result;
+  VEMO_FAIL_PARAM();
+  return 0;
+}
+
+static int is_known(const char *kind, const char *name) {
+  const int is_user = strcmp(kind, "user") == 0;
+  struct passwd account;
+  struct group group;
+  char *texts = NULL;
+
+  if (*name == '\0') return 1;
+  const int error =
+      is_user ? vemo_find_user(name, &account, &texts) : vemo_find_group(name, &group, &texts);
+  free(texts);
+  if (error == 0) return 1;
+  VEMO_FAIL_AS(error, error != ENOENT ? VEMOERR_NO_SERVICE
+                      : is_user       ? VEMOERR_NO_USER
+                                      : VEMOERR_NO_GROUP);
+  return 0;
+}
+
+static int change(const char *statement, const char *const texts[], int count) {
+  struct vemo_grants grants;
+  uid_t before;
+  int changed = -1;
+
+  if (vemo_root_begin(&before) != 0) return -1;
+  VLIBCSigtermHold();
+  if (vemo_grants_open(&grants, 1) == 1) {
+    changed = vemo_grants_run(&grants, statement, texts, count, NULL, NULL);
+    vemo_grants_close(&grants);
+  }
+  VLIBCSigtermRelease();
+  vemo_root_end(before);
+  return changed;
+}
+
+int VLIBAppPrivGrant(const char *app, const char *kind, const char *name, const char *range) {
+  if (name == NULL) name = "";
+  if (range == NULL) range = "";
+  if (!is_grant(app, kind, name, range) || !is_known(kind, name)) return -1;
+  return change("INSERT OR IGNORE INTO grants VALUES(?, ?, ?, ?)",
+                (const char *const[]){app, kind, name, range}, 4);
+}
+
+int VLIBAppPrivRevoke(const char *app, const char *kind, const char *name, const char *range) {
+  if (name == NULL) name = "";
+  if (range == NULL) range = "";
+  if (!is_grant(app, kind, name, range)) return -1;
+  return change("DELETE FROM grants WHERE app = ? AND kind = ? AND name = ? AND cidr = ?",
+                (const char *const[]){app, kind, name, range}, 4);
+}
+
+struct listing {
+  int (*found)(const char *app, const char *kind, const char *name, const char *range, void *data);
+  void *data;
+};
+
+static int hand_on(const char *const columns[], void *data) {
+  const struct listing *listing = data;
+
+  return listing->found(columns[0], columns[1], columns[2], columns[3], listing->data);
+}
+
+int VLIBAppPrivEnum(int (*found)(const char *app, const char *kind, const char *name,
+                                 const char *range, void *data),
+                    void *data) {
+  struct listing listing = {found, data};
+  struct vemo_grants grants;
+
+  const int opened = vemo_grants_open(&grants, 0);
+  if (opened <= 0) return opened;
+  const int rows = vemo_grants_run(
+      &grants, "SELECT app, kind, name, cidr FROM grants ORDER BY app, kind, name, cidr", NULL, 0,
+      hand_on, &listing);
+  vemo_grants_close(&grants);
+  return rows;
 }

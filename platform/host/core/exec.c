@@ -31,8 +31,7 @@ static int set_attributes(posix_spawnattr_t *attributes) {
   return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
-/* A web server that ignores SIGCHLD hands that on, and the kernel then keeps no exit status. */
-static void want_exit_statuses(void) {
+void vemo_want_exit_statuses(void) {
   struct sigaction action;
 
   if (sigaction(SIGCHLD, NULL, &action) != 0) return;
@@ -42,13 +41,12 @@ static void want_exit_statuses(void) {
   sigaction(SIGCHLD, &action, NULL);
 }
 
-/* Starts the program with `in` and `out` (-1: /dev/null). Its process id; -1. */
-static pid_t start(const char *program, char *const argv[], int in, int out) {
+pid_t vemo_start(const char *program, char *const argv[], int in, int out) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   pid_t child = -1;
 
-  want_exit_statuses();
+  vemo_want_exit_statuses();
   int error = posix_spawn_file_actions_init(&actions);
   if (error != 0) goto failed;
   error = posix_spawnattr_init(&attributes);
@@ -76,7 +74,7 @@ failed:
   return -1;
 }
 
-static int wait_for(pid_t child) {
+int vemo_wait_for(pid_t child) {
   int status;
 
   while (waitpid(child, &status, 0) < 0) {
@@ -95,8 +93,8 @@ int VLIBCExecv(const char *program, char *const argv[]) {
     VEMO_FAIL_PARAM();
     return -1;
   }
-  const pid_t child = start(program, argv, -1, -1);
-  return child < 0 ? -1 : wait_for(child);
+  const pid_t child = vemo_start(program, argv, -1, -1);
+  return child < 0 ? -1 : vemo_wait_for(child);
 }
 
 /* The program and the arguments up to NULL; malloc'ed, the texts are not copied. */
@@ -153,14 +151,14 @@ static FILE *start_piped(const char *program, char *const argv[], int reading, s
   }
   const int ours = reading ? ends[0] : ends[1];
   const int theirs = reading ? ends[1] : ends[0];
-  entry->child = start(program, argv, reading ? -1 : theirs, reading ? theirs : -1);
+  entry->child = vemo_start(program, argv, reading ? -1 : theirs, reading ? theirs : -1);
   int kept = errno;
   close(theirs);
   entry->stream = entry->child < 0 ? NULL : fdopen(ours, reading ? "r" : "w");
   if (entry->stream != NULL) return entry->stream;
   if (entry->child >= 0) kept = errno;
   close(ours);
-  if (entry->child >= 0) wait_for(entry->child);
+  if (entry->child >= 0) vemo_wait_for(entry->child);
   VEMO_FAIL_AS(kept, VEMOERR_IO);
   return NULL;
 }
@@ -207,5 +205,5 @@ int VLIBCPclose(FILE *stream) {
   free(entry);
   /* Closed first: a program that still writes gets SIGPIPE and ends. */
   fclose(stream);
-  return wait_for(child);
+  return vemo_wait_for(child);
 }

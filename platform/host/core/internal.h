@@ -33,6 +33,20 @@ void vemo_fail_as(int error, int code, const char *file, int line);
 /* Stores the library's function in the pointer that `function` points to. 0; 1 there is none. */
 int vemo_find_function(void *library, const char *name, void *function);
 
+/* --- Programs ----------------------------------------------------------------- */
+
+/* Starts the program by its path with `in` and `out` as standard input and output (-1:
+ * /dev/null), standard error as it is, all others closed, a fixed environment, and signals
+ * as a new process has them. Its process id; -1. */
+pid_t vemo_start(const char *program, char *const argv[], int in, int out);
+
+/* Waits for a child. Its exit status; -1: it was ended by a signal, or is none. */
+int vemo_wait_for(pid_t child);
+
+/* A web server that ignores SIGCHLD hands that on, and the kernel then keeps no exit status:
+ * to be called before fork(2). */
+void vemo_want_exit_statuses(void);
+
 /* --- The name service ----------------------------------------------------- */
 
 struct passwd;

@@ -187,6 +187,20 @@ int VLIBGroupIsAdminGroupMem(const char *user, int reserved);
  * from anywhere). 1, 0; -1 (VEMOERR_NO_SERVICE). */
 int VLIBAppPrivUserHas(const char *user, const char *app, const char *address);
 
+/* Grants an application, or takes the grant back. `kind` is "user", "group" or "everyone"
+ * (`name` NULL or ""); `range` the addresses from where it holds, as "192.168.1.0/24" (NULL or
+ * "": from anywhere). The account or group must be known to be granted anything. 1; 0 it was
+ * so before; -1 (VEMOERR_BAD_PARAM, VEMOERR_NO_USER, VEMOERR_NO_GROUP, VEMOERR_NO_PERM,
+ * VEMOERR_NO_SERVICE). Root's. */
+int VLIBAppPrivGrant(const char *app, const char *kind, const char *name, const char *range);
+int VLIBAppPrivRevoke(const char *app, const char *kind, const char *name, const char *range);
+
+/* Calls `found` with each grant, sorted bytewise, until it returns non-zero. The texts live
+ * for the call. The number of grants handed over; -1 (VEMOERR_NO_SERVICE). */
+int VLIBAppPrivEnum(int (*found)(const char *app, const char *kind, const char *name,
+                                 const char *range, void *data),
+                    void *data);
+
 struct _tag_VEMOSERVICEPORT; /* vemo/ports.h */
 
 /* Whether a port or range ("N", "N:M") is taken: `checks` adds

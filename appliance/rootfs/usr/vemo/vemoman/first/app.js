@@ -1,4 +1,5 @@
-// The first page: a login, and the network settings for administrators.
+// The first page: a login, the applications that the user may use, and the network settings
+// for administrators.
 const $ = (id) => document.getElementById(id);
 
 const FIELDS = [
@@ -97,8 +98,95 @@ function showErrors(errors) {
   first?.focus();
 }
 
+// --- Applications ---
+
+// What the applications share is one of the registry's scripts itself.
+let desktop = null;
+
+async function loadDesktop() {
+  desktop ??= await import("/webman/modules/Utils/utils.js");
+  desktop.setToken(token);
+  return desktop.loadRegistry();
+}
+
+function addSheets(styles) {
+  for (const address of styles) {
+    if (document.querySelector(`link[href="/${CSS.escape(address)}"]`)) continue;
+    const link = document.createElement("link");
+    link.rel = "stylesheet";
+    link.href = `/${address}`;
+    document.head.append(link);
+  }
+}
+
+async function openApplication(script, id) {
+  say(null);
+  $("network").hidden = true;
+  $("application").hidden = false;
+  try {
+    await import(`/${script}`);
+    await desktop.show(id, $("application"));
+  } catch {
+    say("error_system", "bad");
+  }
+}
+
+function launcherOf(script, id, entry) {
+  const title = desktop.titleOf({ id, title: entry.title });
+  if (entry.type === "app") {
+    const button = document.createElement("button");
+    button.type = "button";
+    button.textContent = title;
+    button.dataset.app = id;
+    button.addEventListener("click", () => openApplication(script, id));
+    return button;
+  }
+  const link = document.createElement("a");
+  link.textContent = title;
+  link.title = entry.desc ?? "";
+  link.href = entry.url;
+  link.target = "_blank";
+  link.rel = "noopener noreferrer";
+  return link;
+}
+
+// A launcher that a package brings as a link is shown to whom the package says; an
+// application to those who may use it.
+const isShown = (entry, id, mine) => entry.type === "app" ? mine.apps.includes(id)
+  : (entry.type === "url" || entry.type === "legacy") && /^https?:/.test(entry.url ?? "")
+    && (entry.allUsers || mine.admin);
+
+async function showApplications() {
+  const list = $("applications").querySelector("ul");
+  list.replaceChildren();
+  const registry = await loadDesktop();
+  const mine = await desktop.call("apps", "get");
+  if (!registry || !mine.success) return;
+  addSheets(registry.styles);
+  const items = [];
+  for (const [script, entries] of Object.entries(registry.scripts)) {
+    for (const [id, entry] of Object.entries(entries)) {
+      if (isShown(entry, id, mine.data)) items.push(launcherOf(script, id, entry));
+    }
+  }
+  items.sort((a, b) => a.textContent.localeCompare(b.textContent));
+  for (const item of items) {
+    const place = document.createElement("li");
+    place.append(item);
+    list.append(place);
+  }
+  $("applications").hidden = items.length === 0;
+}
+
+function hideApplications() {
+  $("applications").hidden = true;
+  $("application").hidden = true;
+  $("application").replaceChildren();
+}
+
 function showLogin() {
   token = "";
+  hideApplications();
   $("who").hidden = true;
   $("network").hidden = true;
   $("login").hidden = false;
@@ -118,6 +206,7 @@ async function showForm(user) {
   $("who").hidden = false;
   $("login").hidden = true;
   $("passwd").value = "";
+  await showApplications().catch(() => say("error_connection", "bad"));
   const answer = await send("network", { action: "load" });
   $("network").hidden = !answer.success;
   if (!answer.success) return refused(answer);
@@ -132,6 +221,8 @@ $("login").addEventListener("submit", async (event) => {
   const answer = await send("login", { action: "login", ...fields });
   if (answer.success) {
     token = answer.data.token;
+    // A port that serves one application alone shows it now.
+    if ((await send("session", {})).data?.app) return location.reload();
     return showForm(answer.data.user);
   }
   say(answer.errinfo?.key ?? "error_system", "bad");
@@ -161,6 +252,7 @@ $("logout").addEventListener("click", async () => {
 $("language").addEventListener("change", async (event) => {
   document.cookie = `lang=${event.target.value}; path=/; samesite=lax; max-age=31536000`;
   await setLanguage(event.target.value);
+  if (token) location.reload();
 });
 
 buildFields();
