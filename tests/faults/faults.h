@@ -15,13 +15,20 @@
 #include <openssl/md5.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <vemo/acl.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>
+#include <vemo/fs.h>
 #include <vemo/mail.h>
+#include <vemo/share.h>
 
 #include <functional>
 
 namespace faults {
+
+/// Results that are pointers, in one word for the build, which reads the list too.
+using char_ptr = char*;
+using szlist_ptr = VEMOSZLIST*;
 
 struct Hooks {
 #define ZEM_HOOK(result, name, parameters, arguments) std::function<result parameters> name;
