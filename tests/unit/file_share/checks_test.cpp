@@ -121,7 +121,10 @@ TEST_F(Checks, PathsThatCannotBeExamined) {
 
   Shell("chmod 0700 /volume1/share");
   EXPECT_EQ(As("alice",
-               [&] { std::printf("%d %x", WebmanFileShare::WfmCheckPath(file.c_str()), Code()); }),
+               [&] {
+                 std::printf("%d", WebmanFileShare::WfmCheckPath(file.c_str()));
+                 std::printf(" %x", Code());
+               }),
             "-1 300");
   EXPECT_EQ(Logged(), Texts{});
 }
