@@ -114,6 +114,7 @@ bool WebmanFileShare::WfmLibRealFullPathGet(const char* path, char* buf, int siz
   return true;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): programs are linked to it so
 bool WebmanFileShare::WfmUserHomeFullPathGet(std::string& out, std::string user) {
   const zem::User record = zem::FindUser(user.c_str());
   if (record == nullptr) {

@@ -188,6 +188,7 @@ bool WebmanFileShare::CheckDirListPrivilege(const char* path) {
   return true;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): programs are linked to it so
 bool WebmanFileShare::IsEncryptShare(std::string share, bool& encrypted) {
   encrypted = false;
   if (IsDirUserHome(share, nullptr)) return true;

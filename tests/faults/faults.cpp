@@ -7,6 +7,7 @@ Hooks hooks;
 }  // namespace faults
 
 using faults::char_ptr;
+using faults::dirent_ptr;
 using faults::szlist_ptr;
 
 #define ZEM_HOOK(result, name, parameters, arguments)                                   \

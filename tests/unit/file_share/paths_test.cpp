@@ -181,6 +181,25 @@ TEST_F(Paths, HomesAreResolved) {
                              "file_share:N Failed to get user ()"}));
 }
 
+TEST_F(Paths, HomesAsLongAsTheyMayBe) {
+  std::string home = "/volume1";
+  for (const size_t size : {4093UL, 4094UL, 4095UL}) {
+    while (home.size() + 102 < size) {
+      home += "/" + std::string(100, 'd');
+      ASSERT_EQ(mkdir(home.c_str(), 0755), 0);
+    }
+    const std::string deep = home + "/" + std::string(size - home.size() - 1, 'x');
+    ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
+    const std::string name = "deep" + std::to_string(size);
+    ASSERT_EQ(symlink(deep.c_str(), ("/volume1/" + name).c_str()), 0);
+    Shell("useradd -M -d /volume1/" + name + " " + name);
+    Logged();
+    std::string real;
+    EXPECT_EQ(WebmanFileShare::WfmUserHomeFullPathGet(real, name), size < 4095) << size;
+    EXPECT_EQ(real, size < 4095 ? deep : "");
+  }
+}
+
 TEST_F(Paths, WhatIsAHome) {
   const struct {
     const char *dir, *user;
@@ -378,6 +397,16 @@ TEST_F(Scratch, APlantedLinkLeadsNowhere) {
   EXPECT_EQ(VLIBCErrGet(), VEMOERR_PATH_REFUSED);
   EXPECT_EQ(Describe("/volume1/target/@tmp"), "none");
   EXPECT_EQ(Describe("/volume1/target"), "755 5 6");
+}
+
+TEST_F(Scratch, ALinkPlantedMeanwhileLeadsNowhere) {
+  Shell("mkdir -m 0755 /volume1/target /volume1/target/@tmp; chown 5:6 /volume1/target/@tmp");
+  hooks.VEMOEAMKDir = [](int, const char* path) {
+    EXPECT_STREQ(path, "/volume1/photo/@eaDir");
+    return symlink("../target", path);
+  };
+  EXPECT_TRUE(Get("/volume1/photo/a"));
+  EXPECT_EQ(Describe("/volume1/target/@tmp"), "755 5 6");
 }
 
 TEST_F(Scratch, ThatCannotBeMadeIsNoFailure) {

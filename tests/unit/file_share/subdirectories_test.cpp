@@ -75,6 +75,16 @@ TEST_F(Subdirectories, DirectoriesAloneAreListed) {
   EXPECT_EQ(Logged(), Texts{});
 }
 
+TEST_F(Subdirectories, EntriesOfUnknownKindAreExamined) {
+  Shell("mkdir dir; touch file; ln -s dir link");
+  hooks.readdir = [](DIR* directory) {
+    dirent* entry = reinterpret_cast<dirent*>(readdir64(directory));  // not wrapped
+    if (entry != nullptr) entry->d_type = DT_UNKNOWN;
+    return entry;
+  };
+  EXPECT_EQ(NamesIn("/volume1"), "dir");
+}
+
 TEST_F(Subdirectories, Attributes) {
   Shell("mkdir dir; chmod 2751 dir; chown 5:6 dir; touch -d @1234567890 dir");
   Entries out;
