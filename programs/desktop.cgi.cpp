@@ -86,7 +86,7 @@ std::string PageOf(VEMO::KTR::JSConfigParser& registry, const std::string& jsid,
   const Json::Value entry = registry.GetAppConfig()[jsid];
   std::string html = "<!DOCTYPE html>\n<html>\n<head>\n<meta charset=\"utf-8\">\n<title>";
   html += Escaped(entry["title"].isString() ? entry["title"].asString() : jsid);
-  html += "</title>\n";
+  html += "</title>\n<link rel=\"icon\" href=\"/first/icon.svg\" type=\"image/svg+xml\">\n";
   for (const Json::Value& sheet : sheets) {
     const std::string address = sheet.asString();
     if (!entry["css_file"].isMember(address.substr(0, address.rfind("?v=")))) continue;

@@ -39,17 +39,17 @@ bool IsWithin(const std::string& name) {
   return true;
 }
 
-// "* Line 3, Column 5\n  text\nSee Line ..." as problems.
-void AddReaderMessages(const std::string& file, const std::string& messages,
-                       ModuleProblems& problems) {
+// "* Line 3, Column 5\n  text\nSee Line ..." as a problem. What follows the first is mostly
+// the reader's, which has lost its way.
+void AddReaderMessage(const std::string& file, const std::string& messages,
+                      ModuleProblems& problems) {
   static const std::regex form("\\* Line (\\d+), Column \\d+\\s+([^\\n]*)");
-  bool any = false;
-  for (std::sregex_iterator found(messages.begin(), messages.end(), form), end; found != end;
-       ++found) {
-    problems.Add(file, std::stoi((*found)[1]), (*found)[2]);
-    any = true;
+  std::smatch found;
+  if (std::regex_search(messages, found, form)) {
+    problems.Add(file, std::stoi(found[1]), found[2]);
+  } else {
+    problems.Add(file, 0, "is no JSON: " + messages);
   }
-  if (!any) problems.Add(file, 0, "is no JSON: " + messages);
 }
 
 }  // namespace
@@ -124,7 +124,7 @@ void ModuleChecker::CheckConfig(const std::string& directory, const std::string&
   std::string messages;
   if (!ReadForCheck(file_, text_, problems_)) return;
   if (!zem::ParseJsonInto(text_.data(), text_.size(), document, &messages)) {
-    AddReaderMessages(file_, messages, problems_);
+    AddReaderMessage(file_, messages, problems_);
     return;
   }
   CheckDuplicates();
@@ -144,7 +144,7 @@ void ModuleChecker::CheckDuplicates() {
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     if (!reader->parse(text_.data(), text_.data() + text_.size(), &ignored, &messages)) {
-      AddReaderMessages(file_, messages, problems_);
+      AddReaderMessage(file_, messages, problems_);
     }
   } catch (const std::exception& exception) {
     problems_.Add(file_, 0, exception.what());

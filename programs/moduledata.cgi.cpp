@@ -52,7 +52,7 @@ Outcome Named(WebMan& request) {
 Outcome Get(WebMan& request, const char* name) {
   Outcome outcome;
   outcome.data["name"] = name;
-  if (!request.ReadModuleData(name, outcome.data["data"])) outcome.error = "error_not_found";
+  if (!request.ReadModuleData(name, outcome.data["data"])) return {"error_not_found"};
   return outcome;
 }
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "common/file.h"
@@ -40,8 +41,15 @@ void LogNoObject(const std::string& what) {
   ZEM_LOG("%s:%d Skip %s: Config is not an object.", zem::kJSConfigParserSource, what.c_str());
 }
 
+// A text as it stands, without a copy; empty for what is none.
+std::string_view ViewOf(const Json::Value& value) {
+  const char *begin, *end;
+  if (!value.isString() || !value.getString(&begin, &end)) return {};
+  return {begin, static_cast<size_t>(end - begin)};
+}
+
 bool IsApplication(const Json::Value& entry) {
-  const Json::Value& type = entry["type"];
+  const std::string_view type = ViewOf(entry["type"]);
   return type == "standalone" || type == "app" || type == "common_lib";
 }
 
@@ -126,7 +134,7 @@ void JSConfigParser::RegisterEntry(const std::string& directory, const std::stri
   entry["jsID"] = id;
   const Json::Value& registered = jsConfigs[path][id] = std::move(entry);
 
-  const Json::Value& grant = registered["grantPrivilege"];
+  const std::string_view grant = ViewOf(registered["grantPrivilege"]);
   if (grant == "all" || grant == "local") grantableApps["local"].append(id);
   if (grant == "all" || grant == "domain") grantableApps["domain"].append(id);
   if (IsApplication(registered)) {

@@ -61,11 +61,22 @@ ROWS = [
         (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("csp", "GET", "action=get&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK),
         first='action=save&name=x&document={"rule":{}}'),
+    Row("registry", "GET", "", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("registry", "POST", "", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("apps", "GET", "action=get", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("apps", "GET", "action=list", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("apps", "POST", "action=grant&app=VEMO.Notes&kind=everyone", (UNAUTH, NO_PRIVILEGE, OK),
+        (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("apps", "POST", "action=revoke&app=VEMO.Notes&kind=everyone", (UNAUTH, NO_PRIVILEGE, OK),
+        (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("csp", "POST", "action=delete&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
 ]
 
 # Pages are for everybody, and answer with no JSON: tested apart.
 PAGES = ["desktop"]
+
+# What browsers may keep, and have to ask for anew each time.
+KEPT = ["registry"]
 
 
 def installed():

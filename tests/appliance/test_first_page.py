@@ -50,7 +50,7 @@ class Page(HTMLParser):
 
 def test_it_is_served_with_everything_it_names(client):
     answer = client.curl("/")
-    assert (answer.status, answer.header("Content-Type")) == (200, "text/html; charset=utf-8")
+    assert (answer.status, answer.header("Content-Type")) == (200, 'text/html; charset="UTF-8"')
     types = {"js": "text/javascript; charset=utf-8", "css": "text/css; charset=utf-8", "svg": "image/svg+xml",
              "json": "application/json"}
     named = [value for _, attributes in Page().elements for key, value in attributes.items() if key in ("src", "href")]

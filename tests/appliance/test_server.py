@@ -73,10 +73,17 @@ def test_every_answer_has_the_security_headers(client, arguments, status):
 
 
 def test_not_modified_has_them_too(client):
-    tag = client.curl("/").header("ETag")
-    answer = client.curl("/", "-H", f"If-None-Match: {tag}")
+    tag = client.curl("/first/app.js").header("ETag")
+    answer = client.curl("/first/app.js", "-H", f"If-None-Match: {tag}")
     assert answer.status == 304
     assert answer.header("X-Content-Type-Options") == "nosniff"
+
+
+def test_the_first_page_has_the_policy_of_the_desktop(client):
+    answer = client.curl("/?x=1")
+    policy = answer.header("Content-Security-Policy")
+    assert answer.status == 200 and "script-src 'self'" in policy and policy.endswith(MINIMAL_POLICY)
+    assert answer.header("X-Frame-Options") == "SAMEORIGIN"
 
 
 def test_a_broken_request_has_them_too(server):

@@ -19,8 +19,7 @@ log, server, settings = appliance.log, appliance.server, appliance.settings
 URL = f"http://127.0.0.1:{appliance.PORT}/"
 
 
-@pytest.fixture(scope="session")
-def driver(server):
+def chromium():
     """Chromium without a window."""
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
@@ -31,6 +30,20 @@ def driver(server):
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     one = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     one.implicitly_wait(0)
+    return one
+
+
+@pytest.fixture(scope="session")
+def driver(server):
+    one = chromium()
+    yield one
+    one.quit()
+
+
+@pytest.fixture
+def second_browser(server):
+    """Somebody else's, with cookies of its own."""
+    one = chromium()
     yield one
     one.quit()
 

@@ -144,7 +144,7 @@ def test_it_is_used_by_keyboard_alone(browser, settings):
     browser.switch_to.active_element.send_keys("admin-demo", Keys.ENTER)
     loaded(browser)
     seen = []
-    for _ in range(20):
+    for _ in range(50):
         browser.switch_to.active_element.send_keys(Keys.TAB)
         seen.append(browser.switch_to.active_element.get_attribute("id"))
     fields = [name for name in seen if name.startswith("field-")]

@@ -162,9 +162,10 @@ async function showApplications() {
   const registry = await loadDesktop();
   const mine = await desktop.call("apps", "get");
   if (!registry || !mine.success) return;
-  addSheets(registry.styles);
+  const { styles, scripts } = registry;
+  addSheets(styles);
   const items = [];
-  for (const [script, entries] of Object.entries(registry.scripts)) {
+  for (const [script, entries] of Object.entries(scripts)) {
     for (const [id, entry] of Object.entries(entries)) {
       if (isShown(entry, id, mine.data)) items.push(launcherOf(script, id, entry));
     }

@@ -1,0 +1,124 @@
+"""The desktop's applications in a browser: found by the registry, opened, and their use."""
+
+from pathlib import Path
+
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
+
+PORT = 5000
+
+
+def wait(browser, condition, seconds=15):
+    return WebDriverWait(browser, seconds, poll_frequency=0.05).until(condition)
+
+
+def log_in(browser, user, port=PORT):
+    browser.get(f"http://127.0.0.1:{port}/")
+    wait(browser, lambda b: b.find_element(By.ID, "login").is_displayed())
+    browser.find_element(By.ID, "username").send_keys(user)
+    browser.find_element(By.ID, "passwd").send_keys(f"{user}-demo")
+    browser.find_element(By.CSS_SELECTOR, "#login button[type=submit]").click()
+
+
+def applications(browser):
+    wait(browser, lambda b: b.find_elements(By.CSS_SELECTOR, "#applications li"))
+    return [item.text for item in browser.find_elements(By.CSS_SELECTOR, "#applications li")]
+
+
+def open_application(browser, id):
+    applications(browser)
+    browser.find_element(By.CSS_SELECTOR, f'[data-app="{id}"]').click()
+    return wait(browser, lambda b: b.find_element(By.CSS_SELECTOR, "#application .content > *"))
+
+
+def problems(browser):
+    return [entry for entry in browser.get_log("browser") if entry["level"] == "SEVERE"]
+
+
+def test_an_administrator_opens_every_application(server, browser):
+    log_in(browser, "admin")
+    titles = applications(browser)
+    assert titles == sorted(titles, key=str.lower) and len(titles) >= 8
+    assert {"Network", "Content policy", "Application privileges", "Almanac", "Handbook", "Forum"} <= set(titles)
+    problems(browser)
+    for id in ("VEMO.Network", "VEMO.GroupSettings", "VEMO.ContentPolicy", "VEMO.AppPrivileges"):
+        open_application(browser, id)
+        heading = browser.find_element(By.CSS_SELECTOR, "#application h2").text
+        assert heading and ":" not in heading, id
+    assert problems(browser) == []
+
+
+def test_a_grant_makes_an_application_appear(server, browser, second_browser):
+    log_in(second_browser, "alice")
+    wait(second_browser, lambda b: b.find_elements(By.CSS_SELECTOR, "#applications li"))
+    assert "Notes" not in applications(second_browser)
+    log_in(browser, "admin")
+    open_application(browser, "VEMO.AppPrivileges")
+    section = next(s for s in browser.find_elements(By.CSS_SELECTOR, "#application section")
+                   if s.find_element(By.TAG_NAME, "h3").text == "Notes")
+    section.find_element(By.NAME, "name").send_keys("alice")
+    section.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
+    wait(browser, lambda b: "applied" in b.find_element(By.CSS_SELECTOR, "#application .status").text)
+    assert "User alice" in browser.find_element(By.ID, "application").text
+
+    second_browser.refresh()
+    assert "Notes" in applications(second_browser)
+    open_application(second_browser, "VEMO.Notes")
+    field = second_browser.find_element(By.CSS_SELECTOR, "textarea.notes")
+    field.send_keys("<b>remember</b> \u540d\u524d")
+    second_browser.find_element(By.CSS_SELECTOR, "#application .content button").click()
+    wait(second_browser, lambda b: "applied" in b.find_element(By.CSS_SELECTOR, "#application .status").text)
+    second_browser.refresh()
+    open_application(second_browser, "VEMO.Notes")
+    assert second_browser.find_element(By.CSS_SELECTOR, "textarea.notes").get_property("value") == "<b>remember</b> \u540d\u524d"
+    assert not second_browser.find_elements(By.CSS_SELECTOR, "#application b")
+
+
+def test_the_language_of_the_texts(server, browser):
+    log_in(browser, "admin")
+    applications(browser)
+    browser.find_element(By.CSS_SELECTOR, "#language option[value=ger]").click()
+    wait(browser, lambda b: "Netzwerk" in [i.text for i in b.find_elements(By.CSS_SELECTOR, "#applications li")])
+    open_application(browser, "VEMO.GroupSettings")
+    assert "Gemeinsame Einstellungen" in browser.find_element(By.ID, "application").text
+
+
+def test_an_application_on_a_page_of_its_own(server, browser):
+    log_in(browser, "admin")
+    applications(browser)
+    problems(browser)
+    browser.get(f"http://127.0.0.1:{PORT}/webman/desktop.cgi?page=VEMO.ContentPolicy")
+    wait(browser, lambda b: b.find_elements(By.CSS_SELECTOR, "pre.policy"))
+    assert browser.title == "Content policy"
+    assert "default-src 'self'" in browser.find_element(By.CSS_SELECTOR, "pre.policy").text
+    assert problems(browser) == []
+
+
+def test_an_application_on_a_port_of_its_own(server, browser):
+    log_in(browser, "alice", 5010)
+    wait(browser, lambda b: b.find_elements(By.CSS_SELECTOR, "textarea.notes"))
+    assert browser.title == "Notes" and not browser.find_elements(By.ID, "applications")
+
+
+def test_a_browser_asks_with_the_tag_as_it_came(server, browser):
+    """What Chromium makes of a tag without quotes: it sends it back as it is, and takes the 304."""
+    log_in(browser, "admin")
+    applications(browser)
+    result = browser.execute_async_script("""
+        const done = arguments[0];
+        (async () => {
+          const seen = [];
+          for (let i = 0; i < 3; i++) {
+            const answer = await fetch('/webman/registry.cgi?probe=1');
+            seen.push([answer.status, (await answer.text()).length > 1000, answer.headers.get('ETag')]);
+          }
+          const sizes = performance.getEntriesByType('resource')
+            .filter((entry) => entry.name.endsWith('probe=1')).map((entry) => entry.transferSize);
+          done([seen, sizes]);
+        })();
+    """)
+    seen, sizes = result
+    assert [one[:2] for one in seen] == [[200, True]] * 3 and len({one[2] for one in seen}) == 1
+    # The second and third came with a 304: a head alone.
+    assert sizes[0] > 1000 and all(size < 1000 for size in sizes[1:]), sizes
+    wait(browser, lambda _: Path("/var/log/vemo/access.log").read_text().count('registry.cgi HTTP/1.1" 304 ') >= 2)
