@@ -12,16 +12,26 @@
 #define ZEM_TESTS_FAULTS_FAULTS_H
 
 #define OPENSSL_SUPPRESS_DEPRECATED
+#include <dirent.h>
 #include <openssl/md5.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <vemo/acl.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>
+#include <vemo/ea.h>
+#include <vemo/fs.h>
 #include <vemo/mail.h>
+#include <vemo/share.h>
 
 #include <functional>
 
 namespace faults {
+
+/// Results that are pointers, in one word for the build, which reads the list too.
+using char_ptr = char*;
+using dirent_ptr = dirent*;
+using szlist_ptr = VEMOSZLIST*;
 
 struct Hooks {
 #define ZEM_HOOK(result, name, parameters, arguments) std::function<result parameters> name;
