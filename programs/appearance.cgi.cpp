@@ -51,8 +51,12 @@ constexpr const char* kExtensions[] = {".jpg", ".jpeg", ".jpe", ".bmp", ".gif", 
 constexpr off_t kServedSize = 64 << 20;  // bytes
 constexpr int kPathSize = 4097;
 
+// The texts of this program's own section; all others are of "common".
+constexpr std::string_view kOwnTexts[] = {"error_picture", "error_picture_too_large",
+                                          "error_no_room", "error_theme"};
+
 struct Outcome {
-  const char* error = nullptr;  // a key of the texts' section "common"
+  const char* error = nullptr;  // a text's key
   Json::Value data = Json::Value(Json::objectValue);
 };
 
@@ -120,15 +124,22 @@ struct History {
 struct Asked {
   std::string action, kind;
   std::optional<int> slot;
+  bool reading;  // GET or HEAD
 
   bool IsLoginPage() const { return kind == "login" || kind == "sharing"; }
   // The picture that a login page shows.
-  bool IsPublic() const { return action == "get" && IsLoginPage() && !slot; }
+  bool IsPublic() const { return reading && action == "get" && IsLoginPage() && !slot; }
   bool IsForAdministrators() const { return IsLoginPage() || action == "apply"; }
 };
 
+bool IsOneOf(const std::string& action, std::initializer_list<const char*> names) {
+  return std::find(names.begin(), names.end(), action) != names.end();
+}
+
 Asked Read(WebMan& request) {
-  Asked asked = {program::Field(request, "action"), program::Field(request, "kind"), {}};
+  Asked asked = {program::Field(request, "action"), program::Field(request, "kind"), {}, false};
+  const char* method = std::getenv("REQUEST_METHOD");
+  asked.reading = method != nullptr && IsOneOf(method, {"GET", "HEAD"});
   Json::Value slot;
   // A slot that is none is kept as one that holds nothing.
   if (program::Document(request, "slot", slot)) {
@@ -430,7 +441,9 @@ void Answer(WebMan& request, const Outcome& outcome) {
   if (outcome.error == nullptr) {
     program::AnswerSuccess(request, outcome.data);
   } else {
-    program::AnswerFailure(request, "common", outcome.error);
+    const bool own =
+        std::find(std::begin(kOwnTexts), std::end(kOwnTexts), outcome.error) != std::end(kOwnTexts);
+    program::AnswerFailure(request, own ? "appearance" : "common", outcome.error);
   }
 }
 
@@ -452,10 +465,6 @@ void Look(WebMan& request, const Asked& asked) {
     }
   }
   Answer(request, outcome);
-}
-
-bool IsOneOf(const std::string& action, std::initializer_list<const char*> names) {
-  return std::find(names.begin(), names.end(), action) != names.end();
 }
 
 void Run(WebMan& request, const Asked& asked) {

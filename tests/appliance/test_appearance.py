@@ -23,7 +23,8 @@ THEME = Path("/usr/vemo/vemoman/theme/theme.css")
 
 
 def refused(key):
-    return {"success": False, "errinfo": {"sec": "common", "key": key}}
+    own = ("error_picture", "error_picture_too_large", "error_no_room", "error_theme")
+    return {"success": False, "errinfo": {"sec": "appearance" if key in own else "common", "key": key}}
 
 
 def send(client, **fields):
