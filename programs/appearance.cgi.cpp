@@ -258,11 +258,24 @@ const char* ErrorOfTurn() {
   return VLIBCErrGet() == VEMOERR_BUSY ? "error_occupied" : "error_system";
 }
 
-// The lock of a history. A desktop's slot is one of the user's settings, and shares their
-// lock.
+// The lock of a history's files, root's. An addition holds it while it waits for the tool.
 std::string LockOf(const History& history) {
-  if (history.IsDesktop()) return history.directory + "/settings.lock";
-  return std::string(program::kAppearanceState) + "/" + history.name + ".lock";
+  const std::string start = std::string(program::kAppearanceState) + "/" + history.name;
+  struct stat status;
+  if (!history.IsDesktop()) return start + ".lock";
+  return stat(history.directory.c_str(), &status) == 0
+             ? start + "." + std::to_string(status.st_uid) + ".lock"
+             : "";
+}
+
+// A desktop's slot is one of the user's settings, which have a lock that all programs share,
+// taken as whoever keeps them: it must not be held for long. Null: taken; else the error.
+const char* TakeSettings(WebMan& request, const History& history,
+                         std::optional<program::Turn>& turn) {
+  if (!history.IsDesktop()) return nullptr;
+  if (request.setEUGID() != 0) return "error_system";
+  turn.emplace(history.directory + "/settings.lock");
+  return turn->taken() ? nullptr : ErrorOfTurn();
 }
 
 // A file under a name that this program has chosen, gone at the end of its scope. There is
@@ -355,12 +368,13 @@ Outcome Upload(WebMan& request, const History& history) {
   if (picture.fault != program::PictureFault::kNone) return {"error_picture"};
 
   if (!program::PrepareAppearanceState() || !program::ConfineTools()) return {"error_system"};
-  // The lock as whom the settings are kept, the work as the account itself.
-  if (history.IsDesktop() && request.setEUGID() != 0) return {"error_system"};
   const program::Turn turn(LockOf(history));
   if (!turn.taken()) return {ErrorOfTurn()};
   const program::ToolTurn tool;
   if (!tool.taken()) return {ErrorOfTurn()};
+  std::optional<program::Turn> settings;
+  if (const char* error = TakeSettings(request, history, settings); error != nullptr)
+    return {error};
   if (history.IsDesktop() && (seteuid(0) != 0 || !program::ActAsAccount(history.user)))
     return {"error_system"};
   return Add(history, picture, bytes);
@@ -369,9 +383,11 @@ Outcome Upload(WebMan& request, const History& history) {
 Outcome Choose(WebMan& request, const History& history, const Asked& asked) {
   if (!asked.slot || *asked.slot < 0) return {"error_request"};
   if (!program::PrepareAppearanceState()) return {"error_system"};
-  if (history.IsDesktop() && request.setEUGID() != 0) return {"error_system"};
   const program::Turn turn(LockOf(history));
   if (!turn.taken()) return {ErrorOfTurn()};
+  std::optional<program::Turn> settings;
+  if (const char* error = TakeSettings(request, history, settings); error != nullptr)
+    return {error};
   File picture;
   if (!OpenPicture(history.Find(*asked.slot), picture)) return {"error_not_found"};
   return {history.SetCurrent(*asked.slot) ? nullptr : "error_system"};

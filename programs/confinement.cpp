@@ -12,8 +12,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/effective_user.h"
-
 namespace program {
 namespace {
 
@@ -58,7 +56,6 @@ bool PrepareAppearanceState() {
 }
 
 ToolTurn::ToolTurn() {
-  const zem::EffectiveUser root(0);
   // Both are looked at once; then a second is spent at each in turns.
   for (int attempt = 0; attempt < kTurns + kTurnSeconds && !taken(); attempt++) {
     const std::string path = kAppearanceState + ("/tool" + std::to_string(attempt % kTurns));

@@ -17,7 +17,7 @@ inline constexpr char kAppearanceState[] = "/run/vemo/appearance";
 bool PrepareAppearanceState();
 
 /// One of the two turns at the picture tool, for a scope: however many requests come, no more
-/// run at once. Root's file; others wait for up to ten seconds.
+/// run at once; the others wait for up to ten seconds. As root.
 class ToolTurn {
  public:
   ToolTurn();

@@ -575,6 +575,36 @@ def test_two_windows_of_one_user(carol):
     assert slots == [1, 2, 3, 4, 5, 6, 7], answers
 
 
+def test_settings_do_not_wait_for_who_waits(carol):
+    """While an addition waits for its turn at the tool, the user's settings can be changed."""
+    upload(carol, png())
+    locks = [open(STATE / f"tool{number}", "w") for number in range(2)]
+    for lock in locks:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+    answers = []
+    waiting = threading.Thread(target=lambda: answers.append(upload(carol, png())))
+    waiting.start()
+    time.sleep(0.5)
+    start = time.monotonic()
+    assert carol.post("usersettings", {"action": "apply", "settings": '{"a":1}'}).json["success"]
+    assert time.monotonic() - start < 2
+    for lock in locks:
+        lock.close()
+    waiting.join()
+    assert answers == [{"success": True, "data": {"slot": 2}}]
+    settings = json.loads((carol.folder / "usersettings").read_text())
+    assert settings == {"a": 1, "Desktop": {"wallpaper": {"index": 2}}}
+
+
+def test_settings_that_are_being_changed_are_waited_for(carol):
+    upload(carol, png())
+    with open(carol.folder / "settings.lock") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        for fields in ({"action": "choose", "slot": 1}, {"action": "upload", "data": encoded(png())}):
+            assert send(carol, kind="desktop", **fields).json == refused("error_occupied")
+    assert upload(carol, png())["success"]
+
+
 def test_locks_are_roots_alone(carol):
     upload(carol, png())
     status = STATE.stat()
