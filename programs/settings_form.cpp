@@ -3,28 +3,12 @@
 #include <vemo/core.h>
 
 #include "programs/program.h"
+#include "programs/turn.h"
 
 namespace program {
 namespace {
 
 constexpr char kLockName[] = "/settings.lock";
-constexpr int kLockSeconds = 5;
-
-// A lock that is given back at the end of its scope.
-class Turn {
- public:
-  explicit Turn(const std::string& path) {
-    taken_ = VLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &descriptor_);
-  }
-  ~Turn() { VLIBCFileUnlockByFile(descriptor_); }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-  bool taken() const { return taken_; }
-
- private:
-  int descriptor_ = -1;
-  bool taken_;
-};
 
 void MergeMembers(Json::Value& settings, const Json::Value& changes) {
   for (const std::string& name : changes.getMemberNames()) {

@@ -5,12 +5,15 @@ A new program adds its rows here; without one the tests fail.
 
 from dataclasses import dataclass
 from pathlib import Path
-from urllib.parse import parse_qsl
+from urllib.parse import parse_qsl, quote_plus
+
+from pictures import encoded, png
 
 UNAUTH, NO_PRIVILEGE, OK = "unauth", "noprivilege", "ok"
 
 APPLY = ("action=apply&hostname=x&comment=&mode=dhcp&ip=10.1&mask=255.0.0.0&gateway=10.2&mtu=1500&speed=10"
          "&valid_from=2024/1/1")
+PICTURE = "action=upload&data=" + quote_plus(encoded(png(1, 1))) + "&kind="
 
 
 @dataclass
@@ -24,6 +27,7 @@ class Row:
     with_token: tuple
     without_token: tuple
     first: str = ""  # what is posted before, with the token
+    cached: str = "no-store"  # what caches are told
 
     @property
     def name(self):
@@ -61,22 +65,38 @@ ROWS = [
         (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("csp", "GET", "action=get&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK),
         first='action=save&name=x&document={"rule":{}}'),
-    Row("registry", "GET", "", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
-    Row("registry", "POST", "", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("registry", "GET", "", (UNAUTH, OK, OK), (UNAUTH, OK, OK), cached="private, no-cache"),
+    Row("registry", "POST", "", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH), cached="private, no-cache"),
     Row("apps", "GET", "action=get", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
     Row("apps", "GET", "action=list", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
     Row("apps", "POST", "action=grant&app=VEMO.Notes&kind=everyone", (UNAUTH, NO_PRIVILEGE, OK),
         (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("apps", "POST", "action=revoke&app=VEMO.Notes&kind=everyone", (UNAUTH, NO_PRIVILEGE, OK),
         (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("appearance", "GET", "action=load", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("appearance", "GET", "action=list&kind=desktop", (UNAUTH, OK, OK), (UNAUTH, OK, OK)),
+    Row("appearance", "GET", "action=list&kind=login", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("appearance", "GET", "action=list&kind=sharing", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK)),
+    Row("appearance", "GET", "action=get&kind=desktop", (UNAUTH, OK, OK), (UNAUTH, OK, OK), first=PICTURE + "desktop",
+        cached="private, no-cache"),
+    # The login pages show theirs before a login; what they showed before is the administrators'.
+    Row("appearance", "GET", "action=get&kind=login", (OK, OK, OK), (OK, OK, OK), cached="private, no-cache"),
+    Row("appearance", "GET", "action=get&kind=sharing", (OK, OK, OK), (OK, OK, OK), cached="private, no-cache"),
+    Row("appearance", "GET", "action=get&kind=login&slot=0", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, OK),
+        cached="private, no-cache"),
+    Row("appearance", "POST", PICTURE + "desktop", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH)),
+    Row("appearance", "POST", PICTURE + "login", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("appearance", "POST", PICTURE + "sharing", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("appearance", "POST", "action=choose&kind=desktop&slot=1", (UNAUTH, OK, OK), (UNAUTH, UNAUTH, UNAUTH),
+        first=PICTURE + "desktop"),
+    Row("appearance", "POST", "action=choose&kind=login&slot=0", (UNAUTH, NO_PRIVILEGE, OK),
+        (UNAUTH, NO_PRIVILEGE, UNAUTH)),
+    Row("appearance", "POST", "action=apply&theme=dark", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
     Row("csp", "POST", "action=delete&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
 ]
 
 # Pages are for everybody, and answer with no JSON: tested apart.
 PAGES = ["desktop"]
-
-# What browsers may keep, and have to ask for anew each time.
-KEPT = ["registry"]
 
 
 def installed():

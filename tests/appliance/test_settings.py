@@ -197,9 +197,9 @@ def test_windows_do_not_undo_each_others_changes(carol):
     assert load(carol) == {"BackgroundTask": {}, **{f"window{n}": n for n in range(60)}}
 
 
-def hang_up(client, body, delay):
-    """Sends an apply and is gone after `delay` seconds."""
-    head = (f"POST /webman/usersettings.cgi HTTP/1.1\r\nHost: nas\r\nCookie: id={client.cookies['id']}\r\n"
+def hang_up(client, body, delay, program="usersettings"):
+    """Sends a change and is gone after `delay` seconds."""
+    head = (f"POST /webman/{program}.cgi HTTP/1.1\r\nHost: nas\r\nCookie: id={client.cookies['id']}\r\n"
             f"X-Vemo-Token: {client.token}\r\nContent-Length: {len(body)}\r\n\r\n").encode()
     with socket.create_connection(("127.0.0.1", PORT)) as connection:
         connection.sendall(head + body[:-1])
