@@ -10,6 +10,23 @@
 
 #include <string>
 
+/// What a request says about its browser.
+struct _tag_vemo_browser_info_ {
+  int type;          ///< one of `vemo_browser_type`
+  char version[32];  ///< digits and dots, ended by a NUL byte
+};
+
+/// Kinds of browsers.
+enum vemo_browser_type {
+  VEMO_BROWSER_IE = 1,  ///< Internet Explorer, and Edge 12
+  VEMO_BROWSER_FIREFOX = 2,
+  VEMO_BROWSER_SAFARI = 3,
+  VEMO_BROWSER_CHROME = 4,
+  VEMO_BROWSER_FACEBOOK = 5,  ///< the crawler that makes previews of links
+  VEMO_BROWSER_OTHER = 6,
+  VEMO_BROWSER_NONE = 7  ///< the request names none
+};
+
 /// One request: its parameters and cookies, the caller's session and rights,
 /// and the only way by which a program writes its answer.
 ///
@@ -301,8 +318,108 @@ class ZEM_EXPORT WebMan {
   int setUGID();
   /// @}
 
+  /// \name Uploads
+  /// A program that receives files builds `WebMan(false)`, checks the caller, then calls
+  /// `LoadIn(directory)` for the body, `LoadUploadParams` for what stands beside the files,
+  /// and one of the `LoadUploadFile` calls for each file. A file stays in the spool
+  /// directory of a volume until it is stored, and is gone when it never is.
+  ///
+  /// A large file may come in slices, a request each. The first makes a file that grows in
+  /// the spool directory; the program gives it an id nobody can guess, records both with
+  /// `SaveSliceUploadTmpFile`, and answers the id. The client sends it as the header
+  /// X-Tmp-File with every further slice, by which `LoadIn(nullptr)` finds the file again.
+  /// With the last slice the file can be stored, and the record is deleted.
+  ///
+  /// Results below 0: -2 no room, -9 any other failure, -12 volume cannot be used, -13 no
+  /// volume, -20 broken body, -21 the client is gone, -22 a slice that does not follow the
+  /// one before.
+  /// @{
+
   /// Whether the request carries an upload (multipart/form-data).
   bool IsUploadRequest();
+  /// Whether it carries a slice of a file (Content-Range), and whether that is the last.
+  bool IsSliceUploadRequest();
+  bool IsSliceUploadFinish();
+
+  /// Chooses the spool directory: "@tmp" on the volume with most room.
+  /// \param path gets the directory's path, cut to `size` bytes, the NUL byte counted.
+  /// \param needed KiB that must be free.
+  /// \return false for a null `path` or a `size` below 1; when the volumes cannot be asked,
+  ///     logged; and when none will do, with the reason recorded: VEMOERR_VOLUME_FULL,
+  ///     VEMOERR_VOLUME_UNUSABLE or VEMOERR_NO_VOLUME.
+  bool FindUploadTmpPath(char* path, int size, unsigned long long needed);
+
+  /// Receives the body of the upload, once, in constant memory.
+  /// \param directory where the files wait; one on the volume of their destination saves a
+  ///     copy. null: the growing file of a slice that goes on, else the directory that
+  ///     `FindUploadTmpPath` chooses, with room for at least 1 MiB.
+  /// \return 0 or more: received; negative as above, logged.
+  int LoadIn(const char* directory);
+
+  /// Records under which id a slice's growing file is found by later requests.
+  /// \param sliceId a file name: not empty, without '/' and '=', neither "." nor "..", and
+  ///     without what a configuration key must not hold.
+  /// \return false for a null argument, an id that is refused, or a registry that cannot be
+  ///     written or is not root's.
+  bool SaveSliceUploadTmpFile(const char* sliceId, const char* tmpPath);
+
+  /// Deletes the record of the id in the request's header X-Tmp-File; the file stays.
+  /// \return false without the header, without such a record, for an id that leads out of
+  ///     the registry, and when it cannot be deleted, logged.
+  bool DeleteSliceUploadTmpFile();
+
+  /// The path of the slice's growing file: one that this process has made, else the one that
+  /// is recorded for the header X-Tmp-File. Null: there is none. The text is valid until the
+  /// next call.
+  const char* GetSliceUploadTmpFile();
+
+  /// Makes the parameters beside the files readable by `In(name, default)`; the field of a
+  /// file reads as the name that the client gives it, without directories. Never use that
+  /// name unchecked. \return their number, or negative as above.
+  int LoadUploadParams(VEMOUPLOADCALLBACK callback, VEMOUPLOADPROGRESS* progress);
+
+  /// Stores the next file as `dest`, whole or not at all, as the user that the process acts
+  /// as.
+  /// \param callback called with the bytes done and the total; may be null.
+  /// \param progress gets the same, may be null. Its `state` VEMOUPLOAD_NEW asks that a file
+  ///     that is there is not replaced: -9 then, and errno is EEXIST.
+  /// \return 1 stored; 0 there is no further file, or it is not whole yet; negative as
+  ///     above.
+  int LoadUploadFile(const char* dest, VEMOUPLOADCALLBACK callback, VEMOUPLOADPROGRESS* progress);
+  /// The same, held to a bandwidth. \param limit a row of /etc/vemo/bandwidth.conf.
+  int LoadUploadFileBW(const char* dest, VEMOUPLOADCALLBACK callback, VEMOUPLOADPROGRESS* progress,
+                       const char* limit);
+  /// Writes the next file over the start of `dest`, and cuts it then.
+  /// \param keep returns how many bytes stay, negative for all; may be null.
+  int LoadUploadFileNoTruncate(const char* dest, VEMOUPLOADCALLBACK callback,
+                               VEMOUPLOADPROGRESS* progress, VEMOUPLOADKEEP keep);
+
+  /// The size in bytes of the file that is stored next; of a slice, also a refused one, how
+  /// much of the file is there, which is where the next slice begins. -1: there is none.
+  long long GetUploadFileSize();
+
+  /// Whether the client has hung up during the transfer.
+  bool RecvHup();
+  /// @}
+
+  /// \name Browser
+  /// What the request's User-Agent header claims, for statistics and for rules of style: never
+  /// a ground for a right.
+  /// @{
+
+  /// Tells the browser's kind and version. The first that occurs decides, in the order Internet
+  /// Explorer ("MSIE"), Firefox, Chrome, Safari, the crawler, and only then the words
+  /// "Trident/7.0" (version 11) and "Edge/12.0" (version 12): a browser that also claims to be
+  /// Chrome is Chrome. Other browsers have an empty version.
+  /// \return 0; -1, logged, when no digit follows the name, and when the version has 32 bytes
+  ///     or more (the first 31 are there). -1 for null. Without a User-Agent the version is
+  ///     left as it was.
+  int GetBrowserInfo(_tag_vemo_browser_info_* info);
+
+  /// The rule of style by which Internet Explorer 5.5 and 6 show transparent images; empty for
+  /// any other browser.
+  std::string GetIEPNGFixStyle();
+  /// @}
 
  private:
   static constexpr int kUserNameSize = 493;     // bytes, NUL included

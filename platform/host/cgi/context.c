@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "cgi/state.h"
+#include "cgi/upload.h"
 
 static const char default_text_dir[] = "/usr/vemo/vemoman/webman";
 
@@ -43,6 +44,7 @@ void VemoCgiFree(VEMOCGI *ctx) {
   if (ctx->state != NULL) {
     vemo_cgi_session_forget(ctx);
     vemo_cgi_texts_free(ctx);
+    vemo_upload_free(ctx->state->upload);
     VLIBCSzHashFree(ctx->state->params);
     VLIBCSzHashFree(ctx->state->query);
     VLIBCSzHashFree(ctx->state->cookies);

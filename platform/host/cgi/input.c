@@ -7,7 +7,7 @@
 
 #include "cgi/state.h"
 
-enum { LINE_LIMIT = 8 * 1024 * 1024, PARAM_LIMIT = 10000, BOUNDARY_LIMIT = 70 };
+enum { LINE_LIMIT = 8 * 1024 * 1024, PARAM_LIMIT = 10000 };
 
 static int has_body(const char *method) {
   return strcmp(method, "POST") == 0 || strcmp(method, "PUT") == 0 || strcmp(method, "DELETE") == 0;
@@ -19,28 +19,6 @@ static int is_multipart(void) {
 
   return strncasecmp(content_type, type, sizeof type - 1) == 0 &&
          strchr(";, \t", content_type[sizeof type - 1]) != NULL;
-}
-
-/* The length of the boundary that the content type names; 0 when there is none.
- * RFC 2046, section 5.1.1. */
-static size_t boundary_size(const char *content_type) {
-  for (const char *at = content_type; (at = strchr(at, ';')) != NULL;) {
-    at++;
-    at += strspn(at, " \t");
-    if (strncasecmp(at, "boundary=", 9) != 0) continue;
-    at += 9;
-    return *at == '"' ? strcspn(at + 1, "\"") : strcspn(at, "; \t");
-  }
-  return 0;
-}
-
-int VemoCgiIsUploadRequest(VEMOCGI *ctx) {
-  const char *method = vemo_cgi_env("REQUEST_METHOD");
-
-  (void)ctx;
-  if ((strcmp(method, "POST") != 0 && strcmp(method, "PUT") != 0) || !is_multipart()) return 0;
-  const size_t size = boundary_size(vemo_cgi_env("CONTENT_TYPE"));
-  return size >= 1 && size <= BOUNDARY_LIMIT;
 }
 
 /* The length of the body; 0 when there is none; -1 when it is no number of the

@@ -127,6 +127,7 @@ static int scan(struct vemo_multipart *reader, const char **at, const char *end)
   if (reader->matched > 0) return go_on_matching(reader, at, end);
   for (const char *cr = from; (cr = memchr(cr, '\r', (size_t)(end - cr))) != NULL; cr++) {
     const size_t left = (size_t)(end - cr);
+    if (left > 1 && cr[1] != '\n') continue; /* the most frequent case by far */
     const size_t size = left < reader->delimiter_size ? left : reader->delimiter_size;
     if (memcmp(cr, reader->delimiter, size) != 0) continue;
     *at = cr + size;

@@ -227,12 +227,10 @@ int vemo_part_parse(char *text, size_t size, struct vemo_part *part) {
   part->name[0] = part->file_name[0] = '\0';
   part->is_file = 0;
   if (split_lines(text, size) != 0) return -1;
-  for (char *line = text; line < text + size && *line != '\0'; line += strlen(line) + 2) {
-    char *next = line + strlen(line) + 2;
+  for (char *line = text; line < text + size && *line != '\0';) {
+    char *next = line + strlen(line) + 2; /* before the line is cut at its colon */
     if (take_line(line, part, &dispositions) != 0) return -1;
-    if (next > text + size) return -1;
-    /* take_line has cut the line at its colon. */
-    line = next - strlen(line) - 2;
+    line = next;
   }
   return dispositions == 1 ? 0 : -1;
 }

@@ -14,6 +14,7 @@
 struct vemo_cgi_header;  /* output.c: a queued header line */
 struct vemo_cgi_texts;   /* texts.c: which sections are loaded, and from where */
 struct vemo_cgi_session; /* session.h: the session of the current cookie, read once */
+struct vemo_upload;      /* upload.h: the upload that was received */
 
 struct vemo_cgi_state {
   char *text_dir;          /* holds texts/<language>/strings */
@@ -33,6 +34,8 @@ struct vemo_cgi_state {
   const VEMOSZHASH *defaults; /* the factory defaults; NULL until loaded */
 
   struct vemo_cgi_session *session; /* NULL until it was looked up */
+
+  struct vemo_upload *upload; /* NULL until it was received */
 };
 
 /* Memory that lives as long as the context. NULL: no memory (recorded). */

@@ -240,7 +240,36 @@ int VemoCgiUidSet(const char *session, const char *user);
 int VemoCgiEGidSet(const char *session, const char *user);
 int VemoCgiEUidSet(const char *session, const char *user);
 
-/* --- 7. Uploads (multipart/form-data, RFC 7578) ------------------------------------- */
+/* --- 7. Uploads (multipart/form-data, RFC 7578) -------------------------------------
+ *
+ * A body is received once, in constant memory, by VemoCgiLoadUploadData: its files into files
+ * without a name in a spool directory, its parameters (8 MiB in all) into memory. Nothing of
+ * a body that is refused, cut off or never stored is left behind, even by a process that is
+ * killed; the slices below are the one exception. Afterwards VemoCgiLoadUploadParams makes
+ * the parameters readable, and each VemoCgiLoadUploadFile stores the next file.
+ *
+ * Refused as broken: a body without a closing delimiter, a part without a name, more than
+ * 1,000 parts, 256 files or 16 KiB of header lines a part, and file names that hold control
+ * characters or ones of text direction, are no UTF-8, "." or "..", or longer than 255 bytes.
+ * Directories before a file's name are dropped.
+ *
+ * Slices. A request with "Content-Range: bytes FIRST-LAST/TOTAL" (RFC 9110, section 14.4)
+ * carries that part of a file, as its one file. The first makes a growing file in a volume's
+ * spool directory, mode 0600, owned by the session's user; the next are appended to it, and
+ * with the last it can be stored. A growing file is opened only when it lies directly in a
+ * volume's spool directory, is a regular file with one link and belongs to the session's
+ * user, and by one request at a time. A user can have 16 of them (configuration key
+ * "upload_slices"), no more than fit into the volume when they are whole. */
+
+/* How far a transfer is. `state` is read when a file is stored, VEMOUPLOAD_NEW asks that a
+ * file that is there is not replaced, and then written: set it anew for each file. */
+enum {
+  VEMOUPLOAD_NONE = 0,
+  VEMOUPLOAD_RUNNING = 1,
+  VEMOUPLOAD_DONE = 2,
+  VEMOUPLOAD_FAILED = 3,
+  VEMOUPLOAD_NEW = 4
+};
 
 typedef struct _tag_upload_progress {
   unsigned long long done, total; /* bytes */
@@ -250,41 +279,67 @@ typedef struct _tag_upload_progress {
 typedef void (*VEMOUPLOADCALLBACK)(unsigned long long done, unsigned long long total);
 typedef long long (*VEMOUPLOADKEEP)(void); /* bytes to keep; negative: all */
 
-/* Whether the request is an upload: POST or PUT with a multipart body whose boundary has 1
- * to 70 characters. 1, 0. */
+/* Whether the request is an upload: POST or PUT with a multipart/form-data body whose boundary
+ * has 1 to 70 of the characters of RFC 2046, section 5.1.1. 1, 0. */
 int VemoCgiIsUploadRequest(VEMOCGI *ctx);
 
-/* Whether it is a slice of one (Content-Range), and the last. 1, 0. */
+/* Whether it is a slice of one, and the last (LAST + 1 = TOTAL). 1, 0. */
 int VemoCgiIsSliceUploadRequest(VEMOCGI *ctx);
 int VemoCgiIsSliceUploadFinish(VEMOCGI *ctx);
 
 /* The slice's growing file: the environment's VEMO_SLICE_TMP_FILE, or what this process has
- * opened. NULL: none. */
+ * made. NULL: none. */
 const char *VemoCgiSliceUploadTmpFile(void);
 
-/* Receives the body into the spool directory or the slice's file `path`, in constant memory.
- * 0; -2 volume full, -9 other, -12 volume unusable, -13 no volume, -20 broken body, -21
- * client gone, -22 slice out of order. `reserved` is 0. */
+/* Receives the body, once a context, into the directory `path` (made with the mode 01777 when
+ * it is missing) or onto the slice's growing file `path`. A row "default" of
+ * /etc/vemo/bandwidth.conf (KiB a second) limits the speed. 0, or
+ *   -2  volume full, or too full for this body (VEMOERR_VOLUME_FULL);
+ *   -9  other: no session for a slice (VEMOERR_NO_PERM), too many slices (VEMOERR_BUSY), a
+ *       path that is none of ours (VEMOERR_PATH_REFUSED), called twice (VEMOERR_BAD_PARAM);
+ *  -12  volume read-only or failing (VEMOERR_VOLUME_UNUSABLE);
+ *  -13  no volume is mounted there (VEMOERR_NO_VOLUME);
+ *  -20  broken body, or a malformed Content-Range (VEMOERR_FORMAT, VEMOERR_TOO_LONG); of a
+ *       slice nothing is kept;
+ *  -21  client gone before CONTENT_LENGTH bytes came (VEMOERR_IO); of a slice that goes on
+ *       what came is kept;
+ *  -22  slice out of order: no such upload (VEMOERR_NOT_FOUND), another place or another
+ *       total than expected (VEMOERR_BAD_PARAM), another request is at it (VEMOERR_BUSY).
+ *       VemoCgiGetUploadFileSize tells the place that is expected, -1: begin anew.
+ * After a refusal up to 8 MiB of the rest are read and dropped. `reserved` is 0. */
 int VemoCgiLoadUploadData(VEMOCGI *ctx, const char *path, int reserved);
 
-/* Decodes the parameters beside the files. Their number; negative as above. */
+/* Makes the parameters beside the files readable by VemoCgiGetCGIParam; those that are there
+ * already stay, of a repeated name the first counts, one with a NUL byte is dropped. The
+ * field of a file reads as the name of its next file that is not stored yet. The number of
+ * parameters that came; negative as above. `callback` and `progress` may be NULL. */
 int VemoCgiLoadUploadParams(VEMOCGI *ctx, VEMOUPLOADCALLBACK callback,
                             VEMOUPLOADPROGRESS *progress);
 
-/* Moves the next file to `dest`. 1 one file stored; 0 there is no more; negative. `limit`
- * names a row of /etc/vemo/bandwidth.conf; `keep` is asked afterwards how much of the file
- * stays. */
+/* Stores the next file as `dest`, as the effective user: moved on the same file system, else
+ * copied; whole or not at all; in place of a file that is there unless `progress->state` is
+ * VEMOUPLOAD_NEW (-9 and EEXIST then). Owner, group, mode and access control list are those
+ * of a file made there. `callback` is called as bytes are copied and at the end. 1 one file
+ * stored; 0 there is no more, or the file is not whole yet; negative as above, and it may be
+ * asked again with another `dest`. `limit` names a row of /etc/vemo/bandwidth.conf: the call
+ * returns no sooner than the bytes of this request allow, counted from the start of
+ * VemoCgiLoadUploadData; NULL, or no such row: no limit. */
 int VemoCgiLoadUploadFile(VEMOCGI *ctx, const char *dest, VEMOUPLOADCALLBACK callback,
                           VEMOUPLOADPROGRESS *progress);
 int VemoCgiLoadUploadFileBW(VEMOCGI *ctx, const char *dest, VEMOUPLOADCALLBACK callback,
                             VEMOUPLOADPROGRESS *progress, const char *limit);
+
+/* Writes the next file over `dest` (made when missing; a link is refused) from its start and
+ * leaves what stands behind; then `keep` (NULL: all) is asked to how many bytes the file is
+ * cut. A failure leaves what was written. Results as above. */
 int VemoCgiLoadUploadFileNoTruncate(VEMOCGI *ctx, const char *dest, VEMOUPLOADCALLBACK callback,
                                     VEMOUPLOADPROGRESS *progress, VEMOUPLOADKEEP keep);
 
-/* The size of the current file in bytes; -1: there is none. */
+/* The size in bytes of the file that is stored next; of a slice, how much of the file is
+ * there, which is where the next slice begins. -1: there is none. */
 long long VemoCgiGetUploadFileSize(VEMOCGI *ctx);
 
-/* Whether the client has hung up. 1, 0. */
+/* Whether the client has hung up, before all of the body came or the answer was read. 1, 0. */
 int VemoCgiRecvHup(VEMOCGI *ctx);
 
 VEMO_END
