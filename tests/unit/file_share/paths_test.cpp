@@ -347,6 +347,34 @@ TEST_F(Paths, FullPathsThatThereAreNot) {
   EXPECT_EQ(root_ + full_ + volume_, "");
 }
 
+// Bytes that the process has read (proc(5)).
+long BytesRead() {
+  std::istringstream text(Read("/proc/self/io"));
+  std::string name;
+  long value = -1;
+  text >> name >> value;
+  return name == "rchar:" ? value : -1;
+}
+
+TEST_F(Paths, AThousandSharesAreReadOnce) {
+  std::string text;
+  for (int i = 0; i < 1000; i++) {
+    const std::string name = "s" + std::to_string(i);
+    text += "[" + name + "]\npath = /volume1/" + name + "\n";
+  }
+  WriteShares(text);
+  usleep(200000);  // what has only just changed may change again unseen, and is read again
+  EXPECT_TRUE(FullPath("/s999/a", "alice"));
+  const long before = BytesRead();
+  ASSERT_GT(before, static_cast<long>(text.size()));
+  for (int i = 0; i < 1000; i++) {
+    const std::string name = "s" + std::to_string(i);
+    ASSERT_TRUE(FullPath(("/" + name + "/a").c_str(), "alice"));
+    ASSERT_EQ(full_, "/volume1/" + name + "/a");
+  }
+  EXPECT_LT(BytesRead() - before, static_cast<long>(text.size()));
+}
+
 class Scratch : public Paths {
  protected:
   bool Get(const char* path) {
