@@ -192,7 +192,7 @@ TEST_F(Paths, HomesAsLongAsTheyMayBe) {
     ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
     const std::string name = "deep" + std::to_string(size);
     ASSERT_EQ(symlink(deep.c_str(), ("/volume1/" + name).c_str()), 0);
-    Shell("useradd -M -d /volume1/" + name + " " + name);
+    Shell(std::string("useradd -M -d /volume1/").append(name).append(" ").append(name));
     Logged();
     std::string real;
     EXPECT_EQ(WebmanFileShare::WfmUserHomeFullPathGet(real, name), size < 4095) << size;
@@ -360,7 +360,7 @@ TEST_F(Paths, AThousandSharesAreReadOnce) {
   std::string text;
   for (int i = 0; i < 1000; i++) {
     const std::string name = "s" + std::to_string(i);
-    text += "[" + name + "]\npath = /volume1/" + name + "\n";
+    text += Section(name, "/volume1/" + name);
   }
   WriteShares(text);
   usleep(200000);  // what has only just changed may change again unseen, and is read again
