@@ -51,6 +51,10 @@ void ReportRefusal(const std::string& file, int code) {
 
 namespace VEMOPrivilege {
 
+FileAccessor::FileAccessor() = default;
+
+FileAccessor::~FileAccessor() = default;
+
 std::string FileAccessor::GetFullPath(const std::string& path, const std::string& user) const {
   std::string full_path, share_name, volume_path, share_path;
   if (!share_.WfmFullPathGet(path.c_str(), full_path, share_name, volume_path, share_path, user)) {

@@ -26,6 +26,11 @@ namespace VEMOPrivilege {
 /// \endcode
 class ZEM_EXPORT FileAccessor {
  public:
+  FileAccessor();
+  ~FileAccessor();
+  FileAccessor(const FileAccessor&) = delete;
+  FileAccessor& operator=(const FileAccessor&) = delete;
+
   /// The real path; "" when there is none.
   std::string GetFullPath(const std::string& path, const std::string& user) const;
 

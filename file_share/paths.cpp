@@ -73,6 +73,10 @@ void MakeScratchDirectory(const char* share_path) {
 
 }  // namespace
 
+WebmanFileShare::WebmanFileShare() = default;
+
+WebmanFileShare::~WebmanFileShare() = default;
+
 void WebmanFileShare::WfmLibSetErr(WEBFMERR code) { error_code = code; }
 
 WEBFMERR WebmanFileShare::WfmLibGetErr() { return error_code; }

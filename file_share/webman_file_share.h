@@ -68,7 +68,10 @@ struct _tag_SUBDIR_ENTRY_INFO_ {
 /// \endcode
 class ZEM_EXPORT WebmanFileShare {
  public:
-  WebmanFileShare() = default;
+  WebmanFileShare();
+  ~WebmanFileShare();
+  WebmanFileShare(const WebmanFileShare&) = delete;
+  WebmanFileShare& operator=(const WebmanFileShare&) = delete;
 
   /// \name The code of the last failure
   /// @{

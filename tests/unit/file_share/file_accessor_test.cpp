@@ -308,8 +308,9 @@ class Reality : public WithLog {
              {"sticky", "1777", "read only = no\n"},
          }) {
       const std::string path = std::string("/volume1/") + name;
-      text += std::string("[") + name + "]\npath = " + path + "\n" + options;
-      Shell("mkdir -m " + std::string(mode) + " " + path + "; chgrp team " + path);
+      text += Section(name, path, options);
+      Shell("mkdir " + path + " && chgrp team " + path);
+      Shell(std::string("chmod ").append(mode).append(" ").append(path));
       Fill(path);
     }
     WriteShares(text);

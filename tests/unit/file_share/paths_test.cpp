@@ -192,7 +192,7 @@ TEST_F(Paths, HomesAsLongAsTheyMayBe) {
     ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
     const std::string name = "deep" + std::to_string(size);
     ASSERT_EQ(symlink(deep.c_str(), ("/volume1/" + name).c_str()), 0);
-    Shell("useradd -M -d /volume1/" + name + " " + name);
+    Shell(std::string("useradd -M -d /volume1/").append(name).append(" ").append(name));
     Logged();
     std::string real;
     EXPECT_EQ(WebmanFileShare::WfmUserHomeFullPathGet(real, name), size < 4095) << size;
@@ -345,6 +345,34 @@ TEST_F(Paths, FullPathsThatThereAreNot) {
   EXPECT_EQ(Logged(), Texts{"file_share:N VEMOShareGet fail"});
   EXPECT_EQ(name_, "nosuch");
   EXPECT_EQ(root_ + full_ + volume_, "");
+}
+
+// Bytes that the process has read (proc(5)).
+long BytesRead() {
+  std::istringstream text(Read("/proc/self/io"));
+  std::string name;
+  long value = -1;
+  text >> name >> value;
+  return name == "rchar:" ? value : -1;
+}
+
+TEST_F(Paths, AThousandSharesAreReadOnce) {
+  std::string text;
+  for (int i = 0; i < 1000; i++) {
+    const std::string name = "s" + std::to_string(i);
+    text += Section(name, "/volume1/" + name);
+  }
+  WriteShares(text);
+  usleep(200000);  // what has only just changed may change again unseen, and is read again
+  EXPECT_TRUE(FullPath("/s999/a", "alice"));
+  const long before = BytesRead();
+  ASSERT_GT(before, static_cast<long>(text.size()));
+  for (int i = 0; i < 1000; i++) {
+    const std::string name = "s" + std::to_string(i);
+    ASSERT_TRUE(FullPath(("/" + name + "/a").c_str(), "alice"));
+    ASSERT_EQ(full_, "/volume1/" + name + "/a");
+  }
+  EXPECT_LT(BytesRead() - before, static_cast<long>(text.size()));
 }
 
 class Scratch : public Paths {

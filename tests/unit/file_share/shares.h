@@ -34,6 +34,17 @@ inline void WriteShares(const std::string& text) {
   Write("/etc/samba/smb.conf", "[global]\nworkgroup = WG\n" + text, 0644);
 }
 
+/// The section of a share.
+inline std::string Section(const std::string& name, const std::string& path,
+                           const std::string& options = "") {
+  return std::string("[")
+      .append(name)
+      .append("]\npath = ")
+      .append(path)
+      .append("\n")
+      .append(options);
+}
+
 /// A line of an account that useradd refuses, as those of domains.
 inline void AddDomainUser(const std::string& name, int id, const std::string& home) {
   Shell("printf '%s:x:%d:%d::%s:/bin/false\\n' '" + name + "' " + std::to_string(id) + " " +
