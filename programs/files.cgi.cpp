@@ -144,6 +144,23 @@ Outcome Explain(WebMan& request) {
   return outcome;
 }
 
+// The path of what was opened, whatever stands under its name by now.
+std::string PathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
+
+void AddRights(const SharePlace& place, int file, Json::Value& may) {
+  const VEMOPrivilege::FileAccessor accessor;
+  const int mask = accessor.GetACLPrivilege(PathOf(file));
+  may["read"] = (mask & VEMOACL_READ) != 0 && place.may_download();
+  may["write"] = (mask & VEMOACL_WRITE) != 0 && place.may_write();
+  may["delete"] = false;
+  if (place.is_root() || !place.may_write()) return;
+  // That is a right in the folder where it stands.
+  const zem::Descriptor folder = place.OpenParent();
+  if (!folder) return;
+  const int there = accessor.GetACLPrivilege(PathOf(folder.get()) + "/" + place.name());
+  may["delete"] = (there & VEMOACL_DELETE) != 0;
+}
+
 Outcome Get(WebMan& request) {
   if (program::Field(request, "why") == "yes") return Explain(request);
   SharePlace place;
@@ -156,19 +173,15 @@ Outcome Get(WebMan& request) {
   if (!file || fstat(file.get(), &status) != 0) return {ErrorKeyOf(errno)};
   Outcome outcome;
   outcome.data = program::DescribeEntry(place.name(), status);
-  const int mask = VEMOPrivilege::FileAccessor().GetACLPrivilege(place.real());
-  Json::Value& may = outcome.data["may"];
-  may["read"] = (mask & VEMOACL_READ) != 0 && place.may_download();
-  may["write"] = (mask & VEMOACL_WRITE) != 0 && place.may_write();
-  may["delete"] = (mask & VEMOACL_DELETE) != 0 && place.may_write() && !place.is_root();
+  AddRights(place, file.get(), outcome.data["may"]);
   return outcome;
 }
 
 // What the list of the library refuses is refused; where a file system knows no lists, the
 // real open(2) decides.
-bool IsRefusedByList(const SharePlace& place, int rights) {
+bool IsRefusedByList(int file, int rights) {
   VLIBCErrSetEx(VEMOERR_NONE, "", 0);
-  return !VEMOPrivilege::FileAccessor().ACLAccess(place.real(), rights) &&
+  return !VEMOPrivilege::FileAccessor().ACLAccess(PathOf(file), rights) &&
          VLIBCErrGet() == VEMOERR_NO_PERM;
 }
 
@@ -176,7 +189,10 @@ Outcome Load(WebMan& request) {
   SharePlace place;
   const char* error = GoTo(request, place);
   if (error != nullptr) return {error};
-  if (!place.may_download() || IsRefusedByList(place, VEMOACL_READ)) return {"error_no_right"};
+  if (!place.may_download()) return {"error_no_right"};
+  const zem::Descriptor found = place.Open(O_PATH);
+  if (!found) return {ErrorKeyOf(errno)};
+  if (IsRefusedByList(found.get(), VEMOACL_READ)) return {"error_no_right"};
   const zem::Descriptor file = place.Open(O_RDONLY | O_NONBLOCK | O_NOCTTY);
   struct stat status;
   if (!file || fstat(file.get(), &status) != 0) return {ErrorKeyOf(errno)};

