@@ -104,8 +104,8 @@ ROWS = [
     Row("csp", "POST", "action=delete&name=x", (UNAUTH, NO_PRIVILEGE, OK), (UNAUTH, NO_PRIVILEGE, UNAUTH)),
 ]
 
-# Pages are for everybody, and answer with no JSON: tested apart.
-PAGES = ["desktop"]
+# Pages are for everybody, and answer with no JSON; uploads are no forms: tested apart.
+PAGES = ["desktop", "upload"]
 
 
 def installed():

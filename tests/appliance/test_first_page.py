@@ -106,7 +106,8 @@ def test_the_page_says_what_the_programs_say(language):
 
 OTHERS = ("product", "error_not_found", "error_too_large", "error_full", "error_csp_document", "error_no_user",
           "error_no_group", "no_pw", "error_path", "error_no_right", "error_read_only", "error_no_space",
-          "error_exists", "error_not_empty", "error_name", "error_no_file", "error_in_use")
+          "error_exists", "error_not_empty", "error_name", "error_no_file", "error_in_use",
+          "error_no_volume", "error_upload_broken", "error_upload_gone", "error_slice")
 
 
 def section_is_for_the_page(key):
