@@ -122,3 +122,58 @@ def test_a_browser_asks_with_the_tag_as_it_came(server, browser):
     # The second and third came with a 304: a head alone.
     assert sizes[0] > 1000 and all(size < 1000 for size in sizes[1:]), sizes
     wait(browser, lambda _: Path("/var/log/vemo/access.log").read_text().count('registry.cgi HTTP/1.1" 304 ') >= 2)
+
+
+def grant_to_everybody(*ids):
+    import subprocess
+
+    store = "/usr/vemo/etc/app_priv.db"
+    statement = ("CREATE TABLE IF NOT EXISTS grants(app TEXT NOT NULL, kind TEXT NOT NULL, name TEXT NOT NULL, "
+                 "cidr TEXT NOT NULL, PRIMARY KEY(app, kind, name, cidr));")
+    for id in ids:
+        statement += f"INSERT OR IGNORE INTO grants VALUES('{id}', 'everyone', '', '');"
+    subprocess.run(["sqlite3", store, statement], check=True)
+
+
+def test_files_are_looked_at_sent_and_deleted(server, browser, tmp_path):
+    grant_to_everybody("VEMO.FileManager")
+    log_in(browser, "alice")
+    open_application(browser, "VEMO.FileManager")
+    problems(browser)
+    shares = [item.text for item in browser.find_elements(By.CSS_SELECTOR, ".shares button")]
+    assert "public" in shares and "home" in shares and "vault" not in shares
+    next(b for b in browser.find_elements(By.CSS_SELECTOR, ".shares button") if b.text == "home").click()
+    wait(browser, lambda b: "Readme.txt" in b.find_element(By.ID, "application").text)
+
+    name = "<img src=x onerror=alert(1)> \u540d.bin"
+    content = bytes(range(256)) * 1200  # more than one slice
+    (tmp_path / name).write_bytes(content)
+    (tmp_path / "empty").write_bytes(b"")
+    for file in (tmp_path / name, tmp_path / "empty"):
+        browser.find_element(By.ID, "chosen-files").send_keys(str(file))
+        wait(browser, lambda b, file=file: file.name in b.find_element(By.ID, "application").text)
+    stored = Path("/volume1/homes/alice") / name
+    assert stored.read_bytes() == content and (stored.parent / "empty").stat().st_size == 0
+    assert not browser.find_elements(By.CSS_SELECTOR, "#application img")
+
+    row = next(r for r in browser.find_elements(By.CSS_SELECTOR, ".files tr") if name in r.text)
+    row.find_element(By.CSS_SELECTOR, "button.delete").click()
+    browser.switch_to.alert.accept()
+    wait(browser, lambda b: name not in b.find_element(By.ID, "application").text)
+    assert not stored.exists()
+    (stored.parent / "empty").unlink()
+    assert problems(browser) == []
+
+
+def test_a_wallpaper_is_chosen(server, browser):
+    grant_to_everybody("VEMO.Appearance")
+    picture = next(Path("/usr/vemo/etc/login_image").glob("*thumb*"))
+    log_in(browser, "alice")
+    open_application(browser, "VEMO.Appearance")
+    problems(browser)
+    sections = browser.find_elements(By.CSS_SELECTOR, "#application section")
+    assert [s.find_element(By.TAG_NAME, "h3").text for s in sections] == ["Your wallpaper", "Theme"]
+    sections[0].find_element(By.CSS_SELECTOR, "input[type=file]").send_keys(str(picture))
+    shown = wait(browser, lambda b: b.find_elements(By.CSS_SELECTOR, ".slots button[aria-pressed=true] img"))
+    wait(browser, lambda b: b.execute_script("return arguments[0].naturalWidth", shown[0]) > 0)
+    assert problems(browser) == []

@@ -24,6 +24,43 @@ export async function call(program, action, fields = {}) {
   }
 }
 
+/** Sends a file into a folder of a share, in slices, and goes on where the server says when one
+ * is lost. `report` hears how much of it has arrived, from 0 to 1. */
+export async function upload(file, path, report = () => {}) {
+  const FIRST = 64 * 1024;
+  const NEXT = 8 * 1024 * 1024;
+  let id = null;
+  let offset = 0;
+  for (let failures = 0; failures < 5;) {
+    const end = Math.min(file.size, offset + (id ? NEXT : FIRST));
+    const answer = await sendSlice(file, path, offset, end, id);
+    if (answer.success && answer.data.files?.length) return answer;
+    failures = answer.success ? 0 : failures + 1;
+    id = answer.data?.id ?? id;
+    if (answer.data?.offset !== undefined) offset = answer.data.offset;
+    // Without an offset the server knows nothing of it, unless it was not reached at all.
+    else if (answer.errinfo?.key === "error_slice") [id, offset] = [null, 0];
+    else if (answer.errinfo?.key !== "error_connection") return answer;
+    report(file.size ? offset / file.size : 1);
+  }
+  return { success: false, errinfo: { sec: "common", key: "error_connection" } };
+}
+
+async function sendSlice(file, path, from, to, id) {
+  const form = new FormData();
+  form.append("file", file.slice(from, to), file.name);
+  const headers = { "X-Vemo-Token": token };
+  // A file of no bytes has no range.
+  if (file.size > 0) headers["Content-Range"] = `bytes ${from}-${to - 1}/${file.size}`;
+  if (id) headers["X-Tmp-File"] = id;
+  try {
+    const query = new URLSearchParams({ path });
+    return await (await fetch(`/webman/upload.cgi?${query}`, { method: "POST", headers, body: form })).json();
+  } catch {
+    return { success: false, errinfo: { sec: "common", key: "error_connection" } };
+  }
+}
+
 /** The desktop's registry; fetched once a page. */
 export async function loadRegistry(app = "") {
   const query = app ? `?${new URLSearchParams({ app })}` : "";
