@@ -73,6 +73,7 @@ TEST_F(Grants, TheFileIsRootsAndReadByEverybody) {
   // Still root inside: the change is made, and the identity is put back.
   EXPECT_EQ(VLIBAppPrivGrant("App", "everyone", "", ""), 1);
   EXPECT_EQ(geteuid(), 65534u);
+  ASSERT_EQ(seteuid(0), 0);
 }
 
 TEST_F(Grants, OnlyRootGives) {

@@ -418,6 +418,7 @@ TEST_F(Shares, AfterTheProcessHasBecomeTheUser) {
   ASSERT_EQ(seteuid(65534), 0);
   EXPECT_EQ(PathOf("a"), "/a");
   EXPECT_EQ(geteuid(), 65534u);
+  ASSERT_EQ(seteuid(0), 0);
 }
 
 // --- testparm is the judge of the reading ---
