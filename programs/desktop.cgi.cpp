@@ -87,6 +87,9 @@ std::string PageOf(VEMO::KTR::JSConfigParser& registry, const std::string& jsid,
   std::string html = "<!DOCTYPE html>\n<html>\n<head>\n<meta charset=\"utf-8\">\n<title>";
   html += Escaped(entry["title"].isString() ? entry["title"].asString() : jsid);
   html += "</title>\n<link rel=\"icon\" href=\"/first/icon.svg\" type=\"image/svg+xml\">\n";
+  // The same ground as the desktop's, in the chosen theme.
+  for (const char* sheet : {"/first/style.css", "/theme/theme.css"})
+    html += std::string("<link rel=\"stylesheet\" href=\"") + sheet + "\">\n";
   for (const Json::Value& sheet : sheets) {
     const std::string address = sheet.asString();
     if (!entry["css_file"].isMember(address.substr(0, address.rfind("?v=")))) continue;

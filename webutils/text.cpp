@@ -3,6 +3,7 @@
 #include <libgen.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -54,23 +55,35 @@ constexpr std::array<Writing, kAllEscapes> MakeWritings() {
 
 constexpr std::array<Writing, kAllEscapes> kWritings = MakeWritings();
 
-// Pages are escaped as a whole, so this copies a word for every byte, of which the next byte's
-// word overwrites what is too much, rather than to ask at each byte what it is.
-std::string Encode(const std::string& text, unsigned escapes) {
-  const Writing& writing = kWritings[escapes];
-  std::size_t size = 0;
-  for (const char byte : text)
-    size += writing[static_cast<unsigned char>(byte)].size;
-  if (size == text.size()) return text;
+constexpr std::size_t kBlock = 64;  // bytes that are written in one go
+constexpr std::size_t kBlockRoom = 6 * kBlock + sizeof(Written);  // what they need at most
 
-  std::string encoded(size + sizeof(Written), '\0');
-  char* out = encoded.data();
-  for (const char byte : text) {
-    const Written& written = writing[static_cast<unsigned char>(byte)];
+// Writes the word for each byte, of which the next byte's word overwrites what is too much:
+// nothing is asked at any byte. \return the end of what was written.
+char* EncodeBlock(const Writing& writing, const char* at, const char* end, char* out) {
+#pragma GCC unroll 8
+  for (; at < end; ++at) {
+    const Written& written = writing[static_cast<unsigned char>(*at)];
     std::memcpy(out, &written, sizeof written);
     out += written.size;
   }
-  encoded.resize(size);
+  return out;
+}
+
+// Pages are escaped as a whole, and most of their bytes stay as they are.
+std::string Encode(const std::string& text, unsigned escapes) {
+  const Writing& writing = kWritings[escapes];
+  const char *at = text.data(), *end = at + text.size();
+  std::string encoded(text.size() + text.size() / 8 + kBlockRoom, '\0');
+  std::size_t used = 0;
+  while (at < end) {
+    if (encoded.size() - used < kBlockRoom) encoded.resize(2 * encoded.size());
+    const std::size_t size = std::min(kBlock, static_cast<std::size_t>(end - at));
+    char* out = encoded.data() + used;
+    used += static_cast<std::size_t>(EncodeBlock(writing, at, at + size, out) - out);
+    at += size;
+  }
+  encoded.resize(used);
   return encoded;
 }
 

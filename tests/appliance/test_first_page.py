@@ -54,7 +54,7 @@ def test_it_is_served_with_everything_it_names(client):
     types = {"js": "text/javascript; charset=utf-8", "css": "text/css; charset=utf-8", "svg": "image/svg+xml",
              "json": "application/json"}
     named = [value for _, attributes in Page().elements for key, value in attributes.items() if key in ("src", "href")]
-    assert len(named) == 3
+    assert len(named) == 4
     for name in named + [f"first/texts.{language}.json" for language in LANGUAGES]:
         answer = client.curl("/" + name.lstrip("/"))
         assert (answer.status, answer.header("Content-Type")) == (200, types[name.rsplit(".", 1)[1]])

@@ -177,3 +177,20 @@ def test_a_wallpaper_is_chosen(server, browser):
     shown = wait(browser, lambda b: b.find_elements(By.CSS_SELECTOR, ".slots button[aria-pressed=true] img"))
     wait(browser, lambda b: b.execute_script("return arguments[0].naturalWidth", shown[0]) > 0)
     assert problems(browser) == []
+
+
+def test_a_theme_is_seen(server, browser):
+    back = "return getComputedStyle(document.body).backgroundColor"
+    log_in(browser, "admin")
+    applications(browser)
+    before = browser.execute_script(back)
+    for theme in ("dark", "default"):
+        answer = browser.execute_async_script(
+            "import('/webman/modules/Utils/utils.js').then((u) => u.call('appearance', 'apply', {theme: arguments[0]})).then(arguments[1])",
+            theme)
+        assert answer["success"], answer
+        browser.refresh()
+        applications(browser)
+        after = browser.execute_script(back)
+        assert (after == "rgb(16, 17, 20)") == (theme == "dark"), after
+    assert after == before
