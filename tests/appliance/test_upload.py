@@ -468,7 +468,7 @@ def test_the_server_killed_and_resumed(log):
     dice = random.Random(3)
     content = os.urandom(3_000_000)
     env = dict(os.environ)
-    for round in range(6):
+    for round in range(20):
         client = Client()
         client.login("alice")
         id = slice_of(client, content, 0, 64 * 1024)["data"]["id"]

@@ -2,6 +2,7 @@
 
 from pathlib import Path
 
+from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
 
@@ -9,7 +10,9 @@ PORT = 5000
 
 
 def wait(browser, condition, seconds=15):
-    return WebDriverWait(browser, seconds, poll_frequency=0.05).until(condition)
+    # What was found may be gone by the time it is asked: pages load anew.
+    return WebDriverWait(browser, seconds, poll_frequency=0.05,
+                         ignored_exceptions=[NoSuchElementException, StaleElementReferenceException]).until(condition)
 
 
 def log_in(browser, user, port=PORT):

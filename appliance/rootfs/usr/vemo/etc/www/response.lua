@@ -6,6 +6,9 @@ headers["Referrer-Policy"] = "same-origin"
 headers["Cross-Origin-Opener-Policy"] = "same-origin"
 headers["Cross-Origin-Resource-Policy"] = "same-origin"
 
+-- Kept, but asked for anew each time: a theme's file is another from one moment to the next.
+if not headers["Cache-Control"] then headers["Cache-Control"] = "no-cache" end
+
 -- A policy beside the one that a page sends itself: browsers enforce all of a list,
 -- so a page whose own could not be made is not bare.
 local minimal = "object-src 'none'; base-uri 'self'"
