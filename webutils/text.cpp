@@ -58,15 +58,19 @@ constexpr std::array<Writing, kAllEscapes> kWritings = MakeWritings();
 constexpr std::size_t kBlock = 64;  // bytes that are written in one go
 constexpr std::size_t kBlockRoom = 6 * kBlock + sizeof(Written);  // what they need at most
 
-// Writes the word for each byte, of which the next byte's word overwrites what is too much:
-// nothing is asked at any byte. \return the end of what was written.
-char* EncodeBlock(const Writing& writing, const char* at, const char* end, char* out) {
-#pragma GCC unroll 8
-  for (; at < end; ++at) {
-    const Written& written = writing[static_cast<unsigned char>(*at)];
-    std::memcpy(out, &written, sizeof written);
-    out += written.size;
-  }
+// Writes the word for a byte, of which the next byte's word overwrites what is too much: nothing
+// is asked at any byte. \return the end of what counts.
+inline char* EncodeByte(const Writing& writing, char byte, char* out) {
+  const Written& written = writing[static_cast<unsigned char>(byte)];
+  std::memcpy(out, &written, sizeof written);
+  return out + written.size;
+}
+
+// A whole block, of a size that the compiler knows: no end is looked for either.
+char* EncodeBlock(const Writing& writing, const char* at, char* out) {
+#pragma GCC unroll 16
+  for (std::size_t i = 0; i < kBlock; i++)
+    out = EncodeByte(writing, at[i], out);
   return out;
 }
 
@@ -78,10 +82,16 @@ std::string Encode(const std::string& text, unsigned escapes) {
   std::size_t used = 0;
   while (at < end) {
     if (encoded.size() - used < kBlockRoom) encoded.resize(2 * encoded.size());
-    const std::size_t size = std::min(kBlock, static_cast<std::size_t>(end - at));
-    char* out = encoded.data() + used;
-    used += static_cast<std::size_t>(EncodeBlock(writing, at, at + size, out) - out);
-    at += size;
+    char* const start = encoded.data() + used;
+    char* out = start;
+    if (static_cast<std::size_t>(end - at) >= kBlock) {
+      out = EncodeBlock(writing, at, out);
+      at += kBlock;
+    } else {
+      while (at < end)
+        out = EncodeByte(writing, *at++, out);
+    }
+    used += static_cast<std::size_t>(out - start);
   }
   encoded.resize(used);
   return encoded;
