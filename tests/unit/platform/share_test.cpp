@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -645,95 +646,207 @@ TEST_F(Shares, AfterTheProcessHasBecomeTheUser) {
 
 // --- testparm is the judge of the reading ---
 
-struct Section {
-  std::string path;
-  std::map<std::string, std::string> values;
-};
+using Values = std::map<std::string, std::string>;
 
-// What "testparm -s" prints: parameters that differ from their defaults.
-std::map<std::string, Section> Judge() {
-  Shell("testparm -s /etc/samba/smb.conf > /tmp/judged 2>/tmp/complaints; true");
-  std::map<std::string, Section> sections;
+// What "testparm -sv" prints, by section: parameters that differ from those of [global], and all of
+// [global]. Nothing when it refuses the file.
+std::optional<std::map<std::string, Values>> Judge() {
+  if (system("testparm -sv /etc/samba/smb.conf > /tmp/judged 2>/tmp/complaints") != 0) return {};
+  std::map<std::string, Values> sections;
   std::ifstream file("/tmp/judged");
   std::string current;
   for (std::string line; std::getline(file, line);) {
     if (line.empty() || line[0] == '#') continue;
     if (line[0] == '[') {
       current = line.substr(1, line.size() - 2);
+      sections[current];
       continue;
     }
     const size_t equals = line.find(" = ");
     if (equals == std::string::npos) continue;
-    sections[current].values[line.substr(1, equals - 1)] = line.substr(equals + 3);
+    std::string key = line.substr(1, equals - 1);
+    // Options are printed as they were written.
+    if (key.find(':') != std::string::npos) std::erase(key, ' ');
+    sections[current][key] = line.substr(equals + 3);
   }
   return sections;
 }
 
+// The judge's lists are plain: blanks between the entries, quotes around those with blanks.
+bool IsListed(const std::string& user, const std::string& list) {
+  static const std::map<std::string, std::string> groups = {{"gamer", "games2"}, {"kid", "kids"}};
+  const auto group = groups.find(user);
+  for (size_t i = 0; i < list.size();) {
+    const bool quoted = list[i] == '"';
+    const size_t end = std::min(list.find(quoted ? '"' : ' ', i + quoted), list.size());
+    const std::string entry = list.substr(i + quoted, end - i - quoted);
+    if (entry == user) return true;
+    if (group != groups.end() && (entry == "@" + group->second || entry == "+" + group->second))
+      return true;
+    i = end + 1;
+    while (i < list.size() && list[i] == ' ')
+      i++;
+  }
+  return false;
+}
+
+class Grammar {
+ public:
+  explicit Grammar(unsigned seed) : random_(seed) {}
+
+  std::string File() {
+    std::string text = Pick({"[global]\n", "# x\n[GLOBAL]\n", "; y\n", "[ g l o b a l s ]\n"});
+    for (int i = 0; i < 2; i++)
+      text += Pick({Setting(), "workgroup = TEST\n", "\n"});
+    text += "[base]\n";
+    for (int i = 0; i < 3; i++)
+      text += Setting();
+    for (int i = 0; i < 6; i++) {
+      const std::string number = std::to_string(random_() % 5);
+      text += Pick({"[share" + number + "]\n", "[ Share" + number + " ]\n",
+                    "  [SHARE" + number + "] junk\n", "[sh\\\nare" + number + "]\r\n",
+                    "[two  words" + number + "]\n",
+                    "[global]\n" + Setting() + "[share" + number + "]\n"});
+      const auto settings = random_() % 7;
+      for (auto j = 0ul; j < settings; j++)
+        text += Setting();
+    }
+    // Now and then a slip, for which the whole file may be refused.
+    if (random_() % 8 == 0) {
+      text.insert(text.find('\n', random_() % text.size()) + 1,
+                  Pick({"[broken\n", "[]\n", "= x\n", "copy = nobody\n", "read only = perhaps\n",
+                        "just words\n", "path\n", "available =\n", "\xef\xbb\xbf[bom]\n", "]\n"}));
+    }
+    return text;
+  }
+
+ private:
+  std::string Pick(const std::vector<std::string>& list) { return list[random_() % list.size()]; }
+  std::string Bool() { return Pick({"yes", "no", "True", "FALSE", "1", "0", "on", "off"}); }
+  std::string Name() {
+    return Pick({"gamer", "kid", "stranger", "@games2", "+kids", "\"kid\"", "@\"games2\"",
+                 "\"two words\"", "@none"});
+  }
+  std::string List() {
+    std::string list;
+    const auto names = random_() % 4;
+    for (auto i = 0ul; i < names; i++)
+      list += (i == 0 ? "" : Pick({" ", ", ", ";", "\t", ",", " \\\n  "})) + Name();
+    return list;
+  }
+  std::string Setting() {
+    const std::string indent = Pick({"", "  ", "\t"}), equals = Pick({" = ", "=", "\t=  "});
+    const std::string end = Pick({"\n", "\n", "\r\n", "  \n", " \\\n\n"});
+    switch (random_() % 12) {
+      case 0:
+      case 1:
+        return indent + Pick({"path", "PATH", "directory", "Pa th"}) + equals + "/volume1/" +
+               Pick({"a", "b/", "c  d", "e//f", "g\\\nh", "i/%S"}) + end;
+      case 2:
+        return indent + Pick({"read only", "Read  Only", "readonly"}) + equals + Bool() + end;
+      case 3:
+        return Pick({"writable", "WriteAble", "write ok", "writeok"}) + equals + Bool() + end;
+      case 4:
+        return indent + "hide unreadable" + equals + Bool() + end;
+      case 5:
+        return indent + "valid users" + equals + List() + end;
+      case 6:
+        return indent + "invalid\tusers" + equals + List() + end;
+      case 7:
+        return indent + Pick({"read list", "write list", "WriteList"}) + equals + List() + end;
+      case 8:
+        return indent + "vemo:" +
+               Pick({"restrictions" + equals + Pick({"0", "1", "4", "5"}),
+                     "encrypted" + equals + Bool(), "Restric tions" + equals + "3"}) +
+               end;
+      case 9:
+        return Pick({"available" + equals + Pick({"yes", "yes", "no"}) + end,
+                     "copy" + equals + Pick({"base", "BASE", "share0"}) + end});
+      default:
+        return Pick({"; path = /comment \\\n", " # other\n", "\n", "comment = [x] = y ; z # w\n",
+                     "printable = no\n", "include = /etc/samba/inc.conf\n",
+                     "include = /etc/samba/no-such.conf\n"});
+    }
+  }
+
+  std::mt19937 random_;
+};
+
+// What is as in [global] is not printed again.
+std::string ValueOf(const std::map<std::string, Values>& judged, const std::string& section,
+                    const std::string& key) {
+  for (const std::string& where : {section, std::string("global")}) {
+    const auto found = judged.find(where);
+    if (found == judged.end() || found->second.count(key) == 0) continue;
+    return found->second.at(key);
+  }
+  return "";
+}
+
+int PrivOf(const std::map<std::string, Values>& judged, const std::string& section,
+           const std::string& user) {
+  const auto listed = [&](const char* list) {
+    return IsListed(user, ValueOf(judged, section, list));
+  };
+  if (listed("invalid users")) return 0;
+  if (!ValueOf(judged, section, "valid users").empty() && !listed("valid users")) return 0;
+  if (listed("write list")) return 2;
+  return listed("read list") || ValueOf(judged, section, "read only") != "No" ? 1 : 2;
+}
+
+void Compare(const std::map<std::string, Values>& judged, const std::string& name) {
+  const Share share = Get(name);
+  ASSERT_NE(share, nullptr);
+  std::string path = ValueOf(judged, name, "path");
+  if (const size_t variable = path.find("%S"); variable != std::string::npos)
+    path.replace(variable, 2, name);
+  while (path.find("//") != std::string::npos)
+    path.erase(path.find("//"), 1);
+  if (path.back() == '/') path.pop_back();
+  EXPECT_EQ(share->path, path);
+  EXPECT_EQ(share->restrictions, std::atoi(ValueOf(judged, name, "vemo:restrictions").c_str()));
+  std::string encrypted = ValueOf(judged, name, "vemo:encrypted");
+  std::transform(encrypted.begin(), encrypted.end(), encrypted.begin(), ::tolower);
+  EXPECT_EQ(share->status != 0, std::set<std::string>({"yes", "true", "1", "on"}).count(encrypted));
+  int hide = -1;
+  EXPECT_EQ(VLIBShareHideUnreadableGet(share.get(), &hide), 0);
+  EXPECT_EQ(hide, ValueOf(judged, name, "hide unreadable") == "Yes");
+  for (const char* user : {"gamer", "kid", "stranger"})
+    EXPECT_EQ(VEMOShareUserPrivGet(user, share.get()), PrivOf(judged, name, user)) << user;
+}
+
 TEST_F(Shares, ReadAsTestparmReadsIt) {
   if (system("command -v testparm >/dev/null") != 0) GTEST_SKIP() << "no testparm";
-  std::mt19937 random(20260101);
-  const auto pick = [&](const std::vector<std::string>& list) {
-    return list[random() % list.size()];
-  };
-  for (int round = 0; round < 60; round++) {
-    std::string text = pick({"[global]\n", "# x\n[GLOBAL]\n", "[global]\nread only = no\n",
-                             "[global]\nhide unreadable = yes\nwritable = no\n"});
-    text += pick(
-        {"[base]\nwritable = yes\n", "[base]\nhide unreadable = yes\nvemo:restrictions = 7\n"});
-    for (int i = 0; i < 6; i++) {
-      text +=
-          pick({"[share" + std::to_string(i % 4) + "]\n", "[ Share" + std::to_string(i) + " ]\n",
-                "  [SHARE" + std::to_string(i % 3) + "]\n"});
-      for (int j = 0; j < 6; j++) {
-        text += pick(
-            {"path = /volume1/p" + std::to_string(random() % 5) + "\n", "  Path=/volume1/q\n",
-             "directory = /volume1/d \\\n\n",
-             "read only = " + pick({"yes", "no", "True", "0", "off"}) + "\n",
-             "WriteAble = " + pick({"yes", "no", "1"}) + "\n",
-             "write ok=" + pick({"true", "false"}) + "\n", "; comment \\\n", "# other\n",
-             "hide unreadable = " + pick({"yes", "no"}) + "\n", "valid users = gamer, @games2\n",
-             "invalid\tusers=kid\n", "available = " + pick({"yes", "no"}) + "\n",
-             "vemo:restrictions = " + pick({"1", "4", "5"}) + "\n", "\n",
-             "comment = [x] = y ; z # w\n", "read list = kid \\\n  gamer\n", "copy = base\n"});
-      }
-    }
+  Write("/etc/samba/inc.conf", "read list = gamer\n; end");
+  Grammar grammar(20260101);
+  int refused = 0, shares = 0;
+  for (int round = 0; round < 300 && !HasFailure(); round++) {
+    const std::string text = grammar.File();
+    SCOPED_TRACE(text);
     Write(kConf, text);
     const auto judged = Judge();
-    std::set<std::string> wanted;
-    for (const auto& [name, section] : judged) {
-      if (name == "global") continue;
-      // What is as in [global] is not printed again.
-      const auto value = [&](const char* key) {
-        for (const char* where : {name.c_str(), "global"}) {
-          const auto found = judged.find(where);
-          if (found != judged.end() && found->second.values.count(key) != 0) {
-            return found->second.values.at(key);
-          }
-        }
-        return std::string();
-      };
-      if (value("path").empty() || value("available") == "No") continue;
-      wanted.insert(name);
-      const Share share = Get(name);
-      ASSERT_NE(share, nullptr) << name << "\n" << text;
-      EXPECT_EQ(share->path, value("path")) << name << "\n" << text;
-      EXPECT_EQ(share->restrictions, std::atoi(value("vemo:restrictions").c_str())) << name << "\n"
-                                                                                    << text;
-      int hide = -1;
-      EXPECT_EQ(VLIBShareHideUnreadableGet(share.get(), &hide), 0);
-      EXPECT_EQ(hide, value("hide unreadable") == "Yes") << name << "\n" << text;
-      if (value("valid users").empty() && value("invalid users").empty() &&
-          value("read list").empty()) {
-        EXPECT_EQ(Priv("stranger", name), value("read only") == "No" ? 2 : 1) << name << "\n"
-                                                                              << text;
-      }
+    if (!judged) {
+      refused++;
+      EXPECT_EQ(PathOf("base"), "");
+      EXPECT_EQ(VLIBCErrGet(), VEMOERR_FORMAT);
+      continue;
     }
-    std::set<std::string> ours;
+    std::set<std::string> wanted, ours;
+    for (const auto& [name, section] : *judged) {
+      if (name == "global") continue;
+      if (ValueOf(*judged, name, "path").empty() || ValueOf(*judged, name, "available") == "No")
+        continue;
+      wanted.insert(name);
+      SCOPED_TRACE(name);
+      Compare(*judged, name);
+    }
     for (const std::string& name : Names())
       ours.insert(name);
-    EXPECT_EQ(ours, wanted) << text;
-    if (HasFailure()) break;
+    EXPECT_EQ(ours, wanted);
+    shares += static_cast<int>(wanted.size());
   }
+  EXPECT_GT(refused, 10);
+  EXPECT_GT(shares, 300);
 }
 
 }  // namespace
