@@ -19,7 +19,7 @@
 #define SETTINGS "/etc/vemoinfo.conf"
 #define HOMES "homes"
 #define HOMES_LOCATION "/volume1/homes"
-#define LIST_SEPARATORS " \t,\n\r"
+#define LIST_SEPARATORS " \t,;\n\r"
 
 /* What decides about rights, kept with the record: a later reading does not change it. */
 struct vemo_share_state {
@@ -29,23 +29,21 @@ struct vemo_share_state {
 
 /* --- Records --------------------------------------------------------------------- */
 
-static int copy_value(const struct vemo_smb_section *section, const char *parameter, char **copy) {
-  const char *value = section == NULL ? NULL : vemo_smb_value(section, parameter);
-
+static int copy_value(const char *value, char **copy) {
   if (value == NULL || *value == '\0') return 0;
   *copy = strdup(value);
   return *copy == NULL ? -1 : 0;
 }
 
 static int fill_state(struct vemo_share_state *state, const struct vemo_smb_section *section) {
-  if (section != NULL) {
-    state->read_only = vemo_smb_bool(vemo_smb_value(section, "readonly"), 1);
-    state->hide_unreadable = vemo_smb_bool(vemo_smb_value(section, "hideunreadable"), 0);
-  }
-  return copy_value(section, "invalidusers", &state->invalid_users) == 0 &&
-                 copy_value(section, "validusers", &state->valid_users) == 0 &&
-                 copy_value(section, "readlist", &state->read_list) == 0 &&
-                 copy_value(section, "writelist", &state->write_list) == 0
+  if (section == NULL) return 0;
+  const char *const *values = section->values;
+  state->read_only = vemo_smb_bool(values[VEMO_SMB_READ_ONLY], 1);
+  state->hide_unreadable = vemo_smb_bool(values[VEMO_SMB_HIDE_UNREADABLE], 0);
+  return copy_value(values[VEMO_SMB_INVALID_USERS], &state->invalid_users) == 0 &&
+                 copy_value(values[VEMO_SMB_VALID_USERS], &state->valid_users) == 0 &&
+                 copy_value(values[VEMO_SMB_READ_LIST], &state->read_list) == 0 &&
+                 copy_value(values[VEMO_SMB_WRITE_LIST], &state->write_list) == 0
              ? 0
              : -1;
 }
@@ -64,9 +62,9 @@ static VEMOSHARE *make_share(const char *name, const char *path,
     return NULL;
   }
   if (section == NULL) return share;
-  const char *restrictions = vemo_smb_value(section, "vemo:restrictions");
+  const char *restrictions = section->values[VEMO_SMB_RESTRICTIONS];
   if (restrictions != NULL) share->restrictions = (int)strtol(restrictions, NULL, 10);
-  if (vemo_smb_bool(vemo_smb_value(section, "vemo:encrypted"), 0)) {
+  if (vemo_smb_bool(section->values[VEMO_SMB_ENCRYPTED], 0)) {
     share->status |= VEMOSHARE_STATUS_ENCRYPTED;
   }
   return share;
@@ -101,22 +99,18 @@ static int homes_path(const struct vemo_smb_conf *conf, char *path, size_t size)
   return 1;
 }
 
-static VEMOSHARE *make_homes(const struct vemo_smb_conf *conf) {
-  char path[4096];
-
-  if (!homes_path(conf, path, sizeof path)) return NULL;
+static VEMOSHARE *make_homes(const struct vemo_smb_conf *conf, const char *path) {
   VEMOSHARE *share = make_share(HOMES, path, conf->homes);
-  if (share == NULL) {
-    VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
-    return NULL;
-  }
-  share->state->is_homes = 1;
+
+  if (share != NULL) share->state->is_homes = 1;
   return share;
 }
 
 /* --- Finding ------------------------------------------------------------------------------ */
 
 int VEMOShareGet(const char *name, VEMOSHARE **share) {
+  char homes[4096];
+
   if (share == NULL) {
     VEMO_FAIL_PARAM();
     return -1;
@@ -131,13 +125,13 @@ int VEMOShareGet(const char *name, VEMOSHARE **share) {
   const struct vemo_smb_section *section = vemo_smb_share_named(conf, name);
   if (section != NULL) {
     *share = make_share(section->name, section->path, section);
-    if (*share == NULL) VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
-  } else if (strcasecmp(name, HOMES) == 0) {
-    *share = make_homes(conf);
-    if (*share == NULL && errno != ENOMEM) VEMO_FAIL_AS(ENOENT, VEMOERR_NO_SHARE);
+  } else if (strcasecmp(name, HOMES) == 0 && homes_path(conf, homes, sizeof homes)) {
+    *share = make_homes(conf, homes);
   } else {
     VEMO_FAIL_AS(ENOENT, VEMOERR_NO_SHARE);
+    return -1;
   }
+  if (*share == NULL) VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
   return *share == NULL ? -1 : 0;
 }
 
@@ -243,37 +237,59 @@ struct account {
   gid_t gid;
 };
 
-static int is_in_unix_group(const struct account *account, const char *name) {
+/* Whether an entry means the account. One that nobody here can tell is held against it: it
+ * takes rights away where it can, and gives none. */
+enum answer { NO, YES, UNKNOWN };
+
+static enum answer is_in_unix_group(const struct account *account, const char *name) {
   struct group group;
   char *texts;
 
-  if (vemo_find_group(name, &group, &texts) != 0) return 0;
-  const int result = vemo_is_in_group(account->name, account->gid, group.gr_gid) == 1;
+  const int error = vemo_find_group(name, &group, &texts);
+  if (error == ENOENT) return NO;
+  if (error != 0) return UNKNOWN;
+  const int member = vemo_is_in_group(account->name, account->gid, group.gr_gid);
   free(texts);
-  return result;
+  return member < 0 ? UNKNOWN : member ? YES : NO;
 }
 
-static int is_in_netgroup(const struct account *account, const char *name) {
-  return innetgr(name, NULL, account->name, NULL) == 1;
+/* The name behind "DOMAIN\"; the whole name where another domain stands before it. */
+static const char *without_domain(const char *name, const char *domain) {
+  const size_t size = strlen(domain);
+
+  return size > 0 && strncasecmp(name, domain, size) == 0 && name[size] == '\\' ? name + size + 1
+                                                                                : name;
 }
 
-/* "@" is a netgroup and then a group, "+" a group, "&" a netgroup; several stand for one after
- * the other. */
-static int is_meant(const struct account *account, const char *entry) {
-  const size_t marks = strspn(entry, "@+&");
-  const char *name = entry + marks;
+/* Local accounts belong to this machine's own domain. */
+static int is_account(const struct account *account, const char *name) {
+  char machine[256] = "";
 
-  if (*name == '\0') return 0;
-  if (marks == 0) return strcasecmp(name, account->name) == 0;
-  for (size_t i = 0; i < marks; i++) {
-    if (entry[i] != '+' && is_in_netgroup(account, name)) return 1;
-    if (entry[i] != '&' && is_in_unix_group(account, name)) return 1;
+  if (strcasecmp(name, account->name) == 0) return 1;
+  if (strchr(name, '\\') == NULL || strchr(account->name, '\\') != NULL) return 0;
+  if (vemo_smb_conf_global("netbios name", machine, sizeof machine) != 1) {
+    gethostname(machine, sizeof machine - 1);
+    machine[strcspn(machine, ".")] = '\0';
+    machine[15] = '\0'; /* what a name may have there */
   }
-  return 0;
+  return strcasecmp(without_domain(name, machine), account->name) == 0 ||
+         strcasecmp(without_domain(name, "Unix User"), account->name) == 0;
 }
 
-/* Puts the share's or the user's name in the place of variables. 0; -1: one that nobody knows
- * here, or too long. */
+/* "@" is a netgroup and then a group, "+" a group, "&" a netgroup, "+&" and "&+" both. */
+static enum answer is_meant(const struct account *account, const char *entry) {
+  const int both = *entry == '@' || strncmp(entry, "+&", 2) == 0 || strncmp(entry, "&+", 2) == 0;
+  const int group = both || *entry == '+', netgroup = both || *entry == '&';
+  const char *name = entry + (both && *entry != '@' ? 2 : group || netgroup);
+
+  if (*name == '\0') return NO;
+  if (!group && !netgroup) return is_account(account, name) ? YES : NO;
+  if (netgroup && innetgr(name, NULL, account->name, NULL) == 1) return YES;
+  return group ? is_in_unix_group(account, without_domain(name, "Unix Group")) : NO;
+}
+
+/* Puts the share's or the user's name in the place of "%S" and "%U". 0; -1: another variable,
+ * or too long. */
 static int fill_in(const char *entry, const char *share, const char *user, char *filled,
                    size_t size) {
   size_t used = 0;
@@ -283,7 +299,7 @@ static int fill_in(const char *entry, const char *share, const char *user, char 
     size_t length = 1;
     if (*c == '%') {
       c++;
-      piece = *c == 'S' ? share : *c == 'U' || *c == 'u' ? user : NULL;
+      piece = *c == 'S' ? share : *c == 'U' ? user : NULL;
       if (piece == NULL) return -1;
       length = strlen(piece);
     }
@@ -313,17 +329,21 @@ static const char *next_entry(const char *list, char *entry, size_t size) {
   return list;
 }
 
-static int is_listed(const struct account *account, const VEMOSHARE *share, const char *list) {
+static enum answer is_listed(const struct account *account, const VEMOSHARE *share,
+                             const char *list) {
   char entry[1024], filled[2048];
+  enum answer result = NO;
+  /* To Samba everybody's home is a share of that name. */
+  const char *name = share->state->is_homes ? account->name : share->name;
 
-  if (list == NULL) return 0;
+  if (list == NULL) return NO;
   while ((list = next_entry(list, entry, sizeof entry)) != NULL) {
-    if (fill_in(entry, share->name, account->name, filled, sizeof filled) == 0 &&
-        is_meant(account, filled)) {
-      return 1;
-    }
+    const int filled_in = fill_in(entry, name, account->name, filled, sizeof filled) == 0;
+    const enum answer answer = filled_in ? is_meant(account, filled) : UNKNOWN;
+    if (answer == YES) return YES;
+    if (answer == UNKNOWN) result = UNKNOWN;
   }
-  return 0;
+  return result;
 }
 
 static int decide(const struct account *account, const VEMOSHARE *share, const char **reason) {
@@ -333,15 +353,15 @@ static int decide(const struct account *account, const VEMOSHARE *share, const c
   if (state->is_homes && VLIBGroupIsAdminGroupMem(account->name, 0) != 1)
     return VEMOSHARE_PRIV_NONE;
   *reason = "invalid users";
-  if (is_listed(account, share, state->invalid_users)) return VEMOSHARE_PRIV_NONE;
+  if (is_listed(account, share, state->invalid_users) != NO) return VEMOSHARE_PRIV_NONE;
   *reason = "valid users";
-  if (state->valid_users != NULL && !is_listed(account, share, state->valid_users)) {
+  if (state->valid_users != NULL && is_listed(account, share, state->valid_users) != YES) {
     return VEMOSHARE_PRIV_NONE;
   }
   *reason = "write list";
-  if (is_listed(account, share, state->write_list)) return VEMOSHARE_PRIV_RW;
+  if (is_listed(account, share, state->write_list) == YES) return VEMOSHARE_PRIV_RW;
   *reason = "read list";
-  if (is_listed(account, share, state->read_list)) return VEMOSHARE_PRIV_RO;
+  if (is_listed(account, share, state->read_list) != NO) return VEMOSHARE_PRIV_RO;
   *reason = state->is_homes ? "homes" : "read only";
   return state->read_only && !state->is_homes ? VEMOSHARE_PRIV_RO : VEMOSHARE_PRIV_RW;
 }

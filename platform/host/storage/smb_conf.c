@@ -13,27 +13,44 @@
 
 #define CONFIGURATION "/etc/samba/smb.conf"
 
-enum { SIZE_LIMIT = 16 << 20, FILE_LIMIT = 100, DEPTH_LIMIT = 20, NAME_LIMIT = 256 };
+enum {
+  SIZE_LIMIT = 16 << 20,   /* bytes of all files */
+  INCLUDE_LIMIT = 1 << 14, /* inclusions */
+  DEPTH_LIMIT = 100,       /* of inclusions within each other, as Samba's */
+  SECTION_LIMIT = 1 << 16,
+  NAME_LIMIT = 1024 /* bytes of a name, with its NUL */
+};
+
+/* A file that the reading depends on. */
+struct source {
+  char *path;
+  int missing;
+  struct vemo_stamp stamp;
+};
 
 /* Everything that one reading leaves. */
 struct reading {
   struct vemo_smb_conf conf; /* first: it is what callers hold */
   struct vemo_arena arena;
   struct vemo_smb_section *sections;
-  size_t room;
-  VEMOSZHASH *global;
-  VEMOSZHASH **snapshots; /* of [global], one for each state that a section began in */
-  size_t snapshot_count;
-  int global_changed;
+  size_t section_room;
   size_t current; /* index of the section being read; SIZE_MAX: [global] */
-  VEMOSZHASH *by_name;
-  struct {
-    char *path;
-    int missing;
-    struct vemo_stamp stamp;
-  } files[FILE_LIMIT];
-  size_t file_count;
-  int failed;
+  const char *defaults[VEMO_SMB_PARAMETERS];
+  VEMOSZHASH *global;
+  VEMOSZHASH *by_name; /* index of a section */
+  struct source *sources;
+  size_t source_count, source_room;
+  VEMOSZHASH *by_source; /* index of a file */
+  size_t inclusions, bytes;
+};
+
+/* What this system does with the parameters that it knows. */
+enum kind { TEXT, YES_NO, NO_YES, OPTION };
+
+struct parameter {
+  const char *name;
+  enum vemo_smb_parameter index;
+  enum kind kind;
 };
 
 /* --- Names and values ------------------------------------------------------------ */
@@ -47,7 +64,7 @@ static int is_blank(char c) {
 }
 
 /* In lower case and, for parameters, without blanks. 0; -1: too long for any that counts. */
-static int fold(const char *text, size_t size, int with_blanks, char *folded) {
+static int fold(const char *text, size_t size, int with_blanks, char folded[NAME_LIMIT]) {
   size_t used = 0;
 
   for (size_t i = 0; i < size; i++) {
@@ -56,7 +73,7 @@ static int fold(const char *text, size_t size, int with_blanks, char *folded) {
     folded[used++] = lower(text[i]);
   }
   folded[used] = '\0';
-  return used > 0 ? 0 : -1;
+  return 0;
 }
 
 static void trim(const char **text, size_t *size) {
@@ -77,147 +94,139 @@ int vemo_smb_bool(const char *text, int otherwise) {
   return otherwise;
 }
 
-/* One name for each of those that mean the same; with `*inverted` the value too. */
-static const char *canonical(const char *name, int *inverted) {
-  static const struct {
-    const char *name, *canonical;
-    int inverted;
-  } synonyms[] = {{"directory", "path", 0},      {"writable", "readonly", 1},
-                  {"writeable", "readonly", 1},  {"writeok", "readonly", 1},
-                  {"printok", "printable", 0},   {"public", "guestok", 0},
-                  {"browsable", "browseable", 0}};
+static const struct parameter *find_parameter(const char *folded) {
+  static const struct parameter known[] = {
+      {"path", VEMO_SMB_PATH, TEXT},
+      {"directory", VEMO_SMB_PATH, TEXT},
+      {"readonly", VEMO_SMB_READ_ONLY, YES_NO},
+      {"writable", VEMO_SMB_READ_ONLY, NO_YES},
+      {"writeable", VEMO_SMB_READ_ONLY, NO_YES},
+      {"writeok", VEMO_SMB_READ_ONLY, NO_YES},
+      {"available", VEMO_SMB_AVAILABLE, YES_NO},
+      {"printable", VEMO_SMB_PRINTABLE, YES_NO},
+      {"printok", VEMO_SMB_PRINTABLE, YES_NO},
+      {"hideunreadable", VEMO_SMB_HIDE_UNREADABLE, YES_NO},
+      {"invalidusers", VEMO_SMB_INVALID_USERS, TEXT},
+      {"validusers", VEMO_SMB_VALID_USERS, TEXT},
+      {"readlist", VEMO_SMB_READ_LIST, TEXT},
+      {"writelist", VEMO_SMB_WRITE_LIST, TEXT},
+      {"vemo:restrictions", VEMO_SMB_RESTRICTIONS, OPTION},
+      {"vemo:encrypted", VEMO_SMB_ENCRYPTED, OPTION},
+  };
 
-  *inverted = 0;
-  for (size_t i = 0; i < sizeof synonyms / sizeof *synonyms; i++) {
-    if (strcmp(name, synonyms[i].name) != 0) continue;
-    *inverted = synonyms[i].inverted;
-    return synonyms[i].canonical;
+  for (size_t i = 0; i < sizeof known / sizeof *known; i++) {
+    if (strcmp(folded, known[i].name) == 0) return &known[i];
   }
-  return name;
+  return NULL;
 }
 
-/* --- Sections ---------------------------------------------------------------------- */
-
-static VEMOSZHASH *target_of(struct reading *reading) {
-  if (reading->current != SIZE_MAX) return reading->sections[reading->current].own;
-  reading->global_changed = 1;
-  return reading->global;
+/* What Samba refuses is refused here. */
+static int refuse(void) {
+  VEMO_FAIL_AS(EINVAL, VEMOERR_FORMAT);
+  return -1;
 }
 
-static int copy_pair(const char *key, const char *value, void *data) {
-  VEMOSZHASH *to = data;
-
-  /* What the section says itself stays; parametric options are no parameters there. */
-  const int keep = strchr(key, ':') == NULL;
-  return vemo_hash_set(to, key, strlen(key), value, strlen(value), keep);
+static int fail_memory(void) {
+  VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
+  return -1;
 }
 
-/* [global] as it is now, for the sections that begin before it changes again. */
-static VEMOSZHASH *snapshot(struct reading *reading) {
-  if (!reading->global_changed && reading->snapshot_count > 0) {
-    return reading->snapshots[reading->snapshot_count - 1];
+/* Room for one more element. The array, moved perhaps; NULL. */
+static void *make_room(void *array, size_t count, size_t *room, size_t size) {
+  if (count < *room) return array;
+  void *longer = reallocarray(array, *room == 0 ? 32 : *room * 2, size);
+  if (longer == NULL) {
+    fail_memory();
+    return NULL;
   }
-  VEMOSZHASH **longer = realloc(reading->snapshots, (reading->snapshot_count + 1) * sizeof *longer);
-  if (longer == NULL) return NULL;
-  reading->snapshots = longer;
-  VEMOSZHASH *made = VLIBCSzHashAlloc((int)vemo_hash_size(reading->global));
-  if (made == NULL) return NULL;
-  longer[reading->snapshot_count++] = made;
-  reading->global_changed = 0;
-  return vemo_hash_each(reading->global, copy_pair, made) == 0 ? made : NULL;
+  *room = *room == 0 ? 32 : *room * 2;
+  return longer;
 }
 
-static int make_room(struct reading *reading) {
-  if (reading->conf.count < reading->room) return 0;
-  const size_t room = reading->room == 0 ? 32 : reading->room * 2;
-  struct vemo_smb_section *longer = realloc(reading->sections, room * sizeof *longer);
-  if (longer == NULL) return -1;
-  reading->sections = longer;
-  reading->room = room;
-  return 0;
-}
-
-static size_t find_section(const struct reading *reading, const char *folded) {
-  const char *index = VLIBCSzHashGetValue(reading->by_name, folded);
+static size_t index_of(const VEMOSZHASH *hash, const char *key) {
+  const char *index = VLIBCSzHashGetValue(hash, key);
 
   return index == NULL ? SIZE_MAX : (size_t)strtoull(index, NULL, 10);
 }
 
-static int add_section(struct reading *reading, const char *name, size_t size, const char *folded) {
-  char index[24];
+static int set_index(VEMOSZHASH *hash, const char *key, size_t index) {
+  char text[24];
 
-  if (make_room(reading) != 0) return -1;
-  struct vemo_smb_section *section = &reading->sections[reading->conf.count];
-  *section = (struct vemo_smb_section){.name = vemo_arena_copy(&reading->arena, name, size),
-                                       .general = snapshot(reading),
-                                       .global = reading->global,
-                                       .own = VLIBCSzHashAlloc(8)};
-  if (section->name == NULL || section->general == NULL || section->own == NULL) {
-    VLIBCSzHashFree(section->own);
-    return -1;
-  }
-  reading->current = reading->conf.count++;
-  snprintf(index, sizeof index, "%zu", reading->current);
-  return VLIBCSzHashSetValue(reading->by_name, folded, index);
+  snprintf(text, sizeof text, "%zu", index);
+  return VLIBCSzHashSetValue(hash, key, text);
 }
 
-/* Parametric options ("type:name") are given anew where a section is continued. */
-static int forget_parametric(const char *key, const char *value, void *data) {
-  (void)value;
-  return strchr(key, ':') == NULL ? 0 : VLIBCSzHashSetValue(data, key, "");
+/* --- Sections ---------------------------------------------------------------------- */
+
+static int is_special(const struct vemo_smb_section *section) {
+  return strcasecmp(section->name, "homes") == 0 || strcasecmp(section->name, "printers") == 0;
+}
+
+static int add_section(struct reading *reading, const char *name, size_t size, const char *folded) {
+  const size_t index = reading->conf.count;
+
+  if (index >= SECTION_LIMIT) return refuse();
+  struct vemo_smb_section *longer =
+      make_room(reading->sections, index, &reading->section_room, sizeof *longer);
+  if (longer == NULL) return -1;
+  reading->sections = longer;
+  struct vemo_smb_section *section = &longer[index];
+  *section = (struct vemo_smb_section){.name = vemo_arena_copy(&reading->arena, name, size)};
+  if (section->name == NULL) return -1;
+  /* The defaults of this moment; options are asked of [global] as it ends up. */
+  memcpy(section->values, reading->defaults, sizeof section->values);
+  for (int i = VEMO_SMB_RESTRICTIONS; i < VEMO_SMB_PARAMETERS; i++)
+    section->values[i] = NULL;
+  reading->current = reading->conf.count++;
+  return set_index(reading->by_name, folded, index);
 }
 
 /* Samba makes a section without a path unavailable where it ends, and copies that too. */
-static int end_section(struct reading *reading) {
-  if (reading->current == SIZE_MAX) return 0;
+static void end_section(struct reading *reading) {
+  if (reading->current == SIZE_MAX) return;
   struct vemo_smb_section *section = &reading->sections[reading->current];
-  if (strcasecmp(section->name, "homes") == 0 || strcasecmp(section->name, "printers") == 0)
-    return 0;
-  const char *path = vemo_smb_value(section, "path");
-  if (path != NULL && *path != '\0') return 0;
-  return VLIBCSzHashSetValue(section->own, "available", "no");
+  const char *path = section->values[VEMO_SMB_PATH];
+  if (is_special(section) || (path != NULL && *path != '\0')) return;
+  section->values[VEMO_SMB_AVAILABLE] = "no";
 }
 
-/* Of a run of blanks the first one stays. The new size; SIZE_MAX: too long for a share. */
-static size_t condense(const char *name, size_t size, char *condensed) {
-  size_t used = 0;
+static int begin_section(struct reading *reading, const char *name, size_t size) {
+  char folded[NAME_LIMIT], bare[NAME_LIMIT];
 
-  for (size_t i = 0; i < size; i++) {
-    if (is_blank(name[i]) && i > 0 && is_blank(name[i - 1])) continue;
-    if (used + 1 >= NAME_LIMIT) return SIZE_MAX;
-    condensed[used++] = name[i];
-  }
-  return used;
-}
-
-static int begin_section(struct reading *reading, const char *header, size_t header_size) {
-  char folded[NAME_LIMIT], name[NAME_LIMIT];
-
-  const size_t size = condense(header, header_size, name);
-  if (size == SIZE_MAX || fold(name, size, 1, folded) != 0) return 0;
-  if (end_section(reading) != 0) return -1;
-  if (strcmp(folded, "global") == 0 || strcmp(folded, "globals") == 0) {
+  if (size == 0 || fold(name, size, 1, folded) != 0) return refuse();
+  end_section(reading);
+  fold(name, size, 0, bare);
+  if (strcmp(bare, "global") == 0 || strcmp(bare, "globals") == 0) {
     reading->current = SIZE_MAX;
     return 0;
   }
-  const size_t found = find_section(reading, folded);
-  if (found == SIZE_MAX) return add_section(reading, name, size, folded);
-  reading->current = found;
-  VEMOSZHASH *own = reading->sections[found].own;
-  return vemo_hash_each(own, forget_parametric, own);
+  reading->current = index_of(reading->by_name, folded);
+  if (reading->current == SIZE_MAX) return add_section(reading, name, size, folded);
+  /* Options are given anew where a section is continued. */
+  struct vemo_smb_section *section = &reading->sections[reading->current];
+  for (int i = VEMO_SMB_RESTRICTIONS; i < VEMO_SMB_PARAMETERS; i++)
+    section->values[i] = NULL;
+  return 0;
 }
 
+/* What the section says itself stays, options apart; all else comes from the other one, what
+ * that had by default included. */
 static int copy_section(struct reading *reading, const char *name) {
   char folded[NAME_LIMIT];
 
-  if (reading->current == SIZE_MAX || fold(name, strlen(name), 1, folded) != 0) return 0;
-  const size_t from = find_section(reading, folded);
-  if (from == SIZE_MAX || from == reading->current) return 0;
-  return vemo_hash_each(reading->sections[from].own, copy_pair,
-                        reading->sections[reading->current].own);
+  if (reading->current == SIZE_MAX || fold(name, strlen(name), 1, folded) != 0) return refuse();
+  const size_t from = index_of(reading->by_name, folded);
+  if (from == SIZE_MAX || from == reading->current) return refuse();
+  struct vemo_smb_section *section = &reading->sections[reading->current];
+  for (int i = 0; i < VEMO_SMB_PARAMETERS; i++) {
+    const char *value = reading->sections[from].values[i];
+    const int option = i >= VEMO_SMB_RESTRICTIONS;
+    if (option ? value != NULL : (section->own & 1u << i) == 0) section->values[i] = value;
+  }
+  return 0;
 }
 
-/* --- Lines ---------------------------------------------------------------------------- */
+/* --- Settings -------------------------------------------------------------------------- */
 
 static int read_file(struct reading *reading, const char *path, int depth);
 
@@ -241,41 +250,56 @@ static int substitute(const char *text, char *buffer, size_t size) {
   return 0;
 }
 
+/* What is not there is left out, as Samba does. */
 static int include(struct reading *reading, const char *value, int depth) {
   char path[4096];
 
-  /* What cannot be included is left out, as Samba does. */
   if (substitute(value, path, sizeof path) != 0 || path[0] != '/') return 0;
-  if (depth >= DEPTH_LIMIT || reading->file_count >= FILE_LIMIT) return 0;
-  return read_file(reading, path, depth + 1) == 0 || !reading->failed ? 0 : -1;
+  if (depth >= DEPTH_LIMIT || reading->inclusions++ >= INCLUDE_LIMIT) return refuse();
+  return read_file(reading, path, depth + 1);
+}
+
+static int set_known(struct reading *reading, const struct parameter *parameter, const char *text) {
+  const int in_global = reading->current == SIZE_MAX;
+  struct vemo_smb_section *section = in_global ? NULL : &reading->sections[reading->current];
+
+  if (parameter->kind == YES_NO || parameter->kind == NO_YES) {
+    const int yes = vemo_smb_bool(text, -1);
+    if (yes < 0) return refuse();
+    text = yes == (parameter->kind == YES_NO) ? "yes" : "no";
+  }
+  (in_global ? reading->defaults : section->values)[parameter->index] = text;
+  if (!in_global) section->own |= 1u << parameter->index;
+  return 0;
 }
 
 static int set_parameter(struct reading *reading, const char *name, size_t name_size,
                          const char *value, size_t value_size, int depth) {
   char folded[NAME_LIMIT];
-  int inverted;
 
-  if (fold(name, name_size, 0, folded) != 0) return 0;
+  trim(&name, &name_size);
   trim(&value, &value_size);
-  const char *key = canonical(folded, &inverted);
-  char *text = vemo_arena_copy(&reading->arena, value, value_size);
+  if (name_size == 0) return refuse();
+  if (fold(name, name_size, 0, folded) != 0) return 0; /* nothing known is called so */
+  const struct parameter *parameter = find_parameter(folded);
+  const int including = strcmp(folded, "include") == 0, copying = strcmp(folded, "copy") == 0;
+  if (parameter == NULL && !including && !copying && reading->current != SIZE_MAX) return 0;
+  const char *text = vemo_arena_copy(&reading->arena, value, value_size);
   if (text == NULL) return -1;
-  if (strcmp(key, "include") == 0) return include(reading, text, depth);
-  if (strcmp(key, "copy") == 0) return copy_section(reading, text);
-  if (inverted) {
-    const int yes = vemo_smb_bool(text, -1);
-    if (yes < 0) return 0;
-    return VLIBCSzHashSetValue(target_of(reading), key, yes ? "no" : "yes");
-  }
-  return VLIBCSzHashSetValue(target_of(reading), key, text);
+  if (including) return include(reading, text, depth);
+  if (copying) return copy_section(reading, text);
+  if (parameter != NULL && set_known(reading, parameter, text) != 0) return -1;
+  if (reading->current != SIZE_MAX) return 0;
+  return VLIBCSzHashSetValue(reading->global, folded, text);
 }
 
+/* --- Lines ---------------------------------------------------------------------------- */
+
 static int read_line(struct reading *reading, const char *line, size_t size, int depth) {
-  trim(&line, &size);
-  if (size == 0 || *line == '#' || *line == ';') return 0;
+  if (size == 0) return 0;
   if (*line == '[') {
     const char *end = memchr(line, ']', size);
-    return end == NULL ? 0 : begin_section(reading, line + 1, (size_t)(end - line - 1));
+    return end == NULL ? refuse() : begin_section(reading, line + 1, (size_t)(end - line - 1));
   }
   const char *equals = memchr(line, '=', size);
   if (equals == NULL) return 0;
@@ -283,90 +307,136 @@ static int read_line(struct reading *reading, const char *line, size_t size, int
                        (size_t)(line + size - equals - 1), depth);
 }
 
-static int is_comment(const char *line, const char *end) {
-  while (line < end && is_blank(*line))
-    line++;
-  return line < end && (*line == '#' || *line == ';');
-}
+/* Takes the next line off the text, lines that a backslash joins as one, within the text's own
+ * memory; comments are empty ones. Its size, without blanks at its ends, and of a run of
+ * blanks the first one. */
+static size_t take_line(char **at, char *end) {
+  char *line = *at, *out = line, *in = line;
+  int joined;
 
-/* Takes the next line off the text, lines that a backslash joins as one, within the text's
- * own memory. */
-static size_t join_line(char *line, char *end, char **next) {
-  char *out = line, *in = line;
-  const int comment = is_comment(line, end);
-
-  for (;;) {
+  while (in < end && is_blank(*in))
+    in++;
+  const int comment = in < end && (*in == '#' || *in == ';');
+  do {
     char *stop = memchr(in, '\n', (size_t)(end - in));
-    if (stop == NULL) stop = end;
-    size_t size = (size_t)(stop - in);
-    if (size > 0 && in[size - 1] == '\r') size--;
-    const int joined = !comment && size > 0 && in[size - 1] == '\\' && stop < end;
-    if (joined) size--;
-    memmove(out, in, size);
-    out += size;
-    in = stop < end ? stop + 1 : end;
-    if (!joined) break;
-  }
-  *next = in;
-  return (size_t)(out - line);
+    const int last = stop == NULL;
+    if (last) stop = end;
+    const char *piece_end = stop;
+    while (piece_end > in && is_blank(piece_end[-1]))
+      piece_end--;
+    joined = !comment && !last && piece_end > in && piece_end[-1] == '\\';
+    if (joined) piece_end--;
+    for (; in < piece_end; in++) {
+      if (is_blank(*in) && (out == line || is_blank(out[-1]))) continue;
+      *out++ = *in;
+    }
+    in = last ? end : stop + 1;
+  } while (joined);
+  *at = in;
+  while (out > line && is_blank(out[-1]))
+    out--;
+  return comment ? 0 : (size_t)(out - line);
 }
 
 static int read_text(struct reading *reading, char *text, size_t size, int depth) {
-  char *at = text, *end = text + size;
+  char *end = text + size;
 
-  if (size >= 3 && memcmp(text, "\xef\xbb\xbf", 3) == 0) at += 3;
-  while (at < end) {
-    char *line = at;
-    const size_t length = join_line(line, end, &at);
+  for (char *at = text; at < end;) {
+    const char *line = at;
+    const size_t length = take_line(&at, end);
     if (read_line(reading, line, length, depth) != 0) return -1;
   }
   return 0;
 }
 
-static int fail_memory(struct reading *reading) {
-  reading->failed = 1;
-  VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
+/* --- Files ------------------------------------------------------------------------------ */
+
+/* What the file looks like, so that a change is seen. Its place in the list; NULL. */
+static struct source *note_source(struct reading *reading, const char *path) {
+  const size_t found = index_of(reading->by_source, path);
+  const size_t index = reading->source_count;
+
+  if (found != SIZE_MAX) return &reading->sources[found];
+  struct source *longer = make_room(reading->sources, index, &reading->source_room, sizeof *longer);
+  if (longer == NULL) return NULL;
+  reading->sources = longer;
+  longer[index] = (struct source){.path = vemo_arena_copy(&reading->arena, path, strlen(path))};
+  if (longer[index].path == NULL || set_index(reading->by_source, path, index) != 0) return NULL;
+  reading->source_count++;
+  return &longer[index];
+}
+
+/* 1 there is no file to include; 0; -1. */
+static int is_absent(const char *path, struct source *source) {
+  struct stat status;
+
+  if (stat(path, &status) == 0) {
+    if (!S_ISDIR(status.st_mode)) return 0;
+    vemo_stamp_set(&source->stamp, &status);
+    return 1;
+  }
+  source->missing = 1;
+  if (errno == ENOENT || errno == ENOTDIR) return 1;
+  VEMO_FAIL_ERRNO();
   return -1;
 }
 
 static int read_file(struct reading *reading, const char *path, int depth) {
-  const size_t index = reading->file_count++;
   struct stat status;
   size_t size;
 
-  reading->files[index].path = vemo_arena_copy(&reading->arena, path, strlen(path));
-  if (reading->files[index].path == NULL) return fail_memory(reading);
-  char *text = vemo_read_file(path, 0, SIZE_LIMIT, &size, &status);
-  reading->files[index].missing = text == NULL;
+  struct source *source = note_source(reading, path);
+  if (source == NULL) return -1;
+  const int absent = depth == 0 ? 0 : is_absent(path, source);
+  if (absent != 0) return absent < 0 ? -1 : 0;
+  /* One that is there and cannot be read may forbid what the others allow. */
+  char *text = vemo_read_file(path, 0, SIZE_LIMIT - reading->bytes, &size, &status);
   if (text == NULL) return -1;
-  vemo_stamp_set(&reading->files[index].stamp, &status);
-  if (memchr(text, '\0', size) != NULL) {
-    free(text);
-    VEMO_FAIL_AS(EINVAL, VEMOERR_FORMAT);
-    return -1;
-  }
-  const int failed = read_text(reading, text, size, depth);
+  vemo_stamp_set(&source->stamp, &status);
+  reading->bytes += size;
+  const int result =
+      memchr(text, '\0', size) != NULL ? refuse() : read_text(reading, text, size, depth);
   free(text);
-  return failed ? fail_memory(reading) : 0;
+  return result;
 }
 
 /* --- Shares ------------------------------------------------------------------------------ */
 
-const char *vemo_smb_value(const struct vemo_smb_section *section, const char *parameter) {
-  const char *value = VLIBCSzHashGetValue(section->own, parameter);
-
-  /* Parametric options have no defaults of their own: [global] is asked as it ended up. */
-  if (strchr(parameter, ':') != NULL) {
-    return value != NULL && *value != '\0' ? value
-                                           : VLIBCSzHashGetValue(section->global, parameter);
+/* Appends to a path, without slashes after one another. 0; -1: it is too long. */
+static int append(char *path, size_t size, size_t *used, const char *piece, size_t length) {
+  for (size_t i = 0; i < length; i++) {
+    if (piece[i] == '/' && *used > 0 && path[*used - 1] == '/') continue;
+    if (*used + 1 >= size) return -1;
+    path[(*used)++] = piece[i];
   }
-  return value != NULL ? value : VLIBCSzHashGetValue(section->general, parameter);
+  path[*used] = '\0';
+  return 0;
 }
 
-/* The path as the share has it: quotes around it, doubled slashes and those at the end do not
- * count, "%S" is the share's name. NULL: none that can be a share's. */
+/* Takes "." and ".." out, as Samba does, and the slash at the end. */
+static void resolve_dots(char *path) {
+  char *out = path;
+
+  for (const char *in = path; *in == '/';) {
+    const size_t length = 1 + strcspn(in + 1, "/");
+    const int up = length == 3 && in[1] == '.' && in[2] == '.';
+    if (up) {
+      while (out > path && *--out != '/')
+        continue;
+    } else if (length > 1 && !(length == 2 && in[1] == '.')) {
+      memmove(out, in, length);
+      out += length;
+    }
+    in += length;
+  }
+  if (out == path) *out++ = '/';
+  *out = '\0';
+}
+
+/* The path as the share has it: quotes around it do not count, "%S" is the share's name. NULL:
+ * none that can be a share's. */
 static const char *path_of(struct reading *reading, const struct vemo_smb_section *section) {
-  const char *text = vemo_smb_value(section, "path");
+  const char *text = section->values[VEMO_SMB_PATH];
   char path[4096];
   size_t used = 0;
 
@@ -374,25 +444,21 @@ static const char *path_of(struct reading *reading, const struct vemo_smb_sectio
     text++;
   if (text == NULL || *text != '/') return NULL;
   for (const char *c = text; *c != '\0'; c++) {
-    const char *piece = c;
-    size_t length = 1;
-    if (*c == '%' && c[1] != 'S') return NULL;
-    if (*c == '%') piece = section->name, length = strlen(section->name), c++;
-    if (*c == '/' && used > 0 && path[used - 1] == '/') continue;
-    if (used + length >= sizeof path) return NULL;
-    memcpy(path + used, piece, length);
-    used += length;
+    const int is_name = *c == '%' && c[1] == 'S';
+    if (*c == '%' && !is_name) return NULL;
+    const char *piece = is_name ? section->name : c;
+    if (append(path, sizeof path, &used, piece, is_name ? strlen(piece) : 1) != 0) return NULL;
+    c += is_name;
   }
-  while (used > 1 && (path[used - 1] == '"' || path[used - 1] == '/'))
-    used--;
-  return vemo_arena_copy(&reading->arena, path, used);
+  while (used > 1 && path[used - 1] == '"')
+    path[--used] = '\0';
+  resolve_dots(path);
+  return vemo_arena_copy(&reading->arena, path, strlen(path));
 }
 
 static int is_share(const struct vemo_smb_section *section) {
-  if (strcasecmp(section->name, "homes") == 0 || strcasecmp(section->name, "printers") == 0)
-    return 0;
-  return vemo_smb_bool(vemo_smb_value(section, "available"), 1) &&
-         !vemo_smb_bool(vemo_smb_value(section, "printable"), 0);
+  return !is_special(section) && vemo_smb_bool(section->values[VEMO_SMB_AVAILABLE], 1) &&
+         !vemo_smb_bool(section->values[VEMO_SMB_PRINTABLE], 0);
 }
 
 static int by_name(const void *a, const void *b) {
@@ -419,6 +485,10 @@ static int index_shares(struct reading *reading) {
   if (conf->shares_by_name == NULL || conf->shares_by_path == NULL) return -1;
   for (size_t i = 0; i < conf->count; i++) {
     struct vemo_smb_section *section = &reading->sections[i];
+    for (int j = VEMO_SMB_RESTRICTIONS; j < VEMO_SMB_PARAMETERS; j++) {
+      const char *own = section->values[j];
+      if (own == NULL || *own == '\0') section->values[j] = reading->defaults[j];
+    }
     if (strcasecmp(section->name, "homes") == 0) conf->homes = section;
     section->path = is_share(section) ? path_of(reading, section) : NULL;
     if (section->path == NULL) continue;
@@ -458,49 +528,59 @@ const struct vemo_smb_section *vemo_smb_share_at(const struct vemo_smb_conf *con
 /* --- The reading of this process ------------------------------------------------------------ */
 
 static void forget(struct reading *reading) {
+  const int kept = errno;
+
   if (reading == NULL) return;
-  for (size_t i = 0; i < reading->conf.count; i++)
-    VLIBCSzHashFree(reading->sections[i].own);
-  for (size_t i = 0; i < reading->snapshot_count; i++)
-    VLIBCSzHashFree(reading->snapshots[i]);
   VLIBCSzHashFree(reading->global);
   VLIBCSzHashFree(reading->by_name);
-  free(reading->snapshots);
+  VLIBCSzHashFree(reading->by_source);
+  free(reading->sources);
   free(reading->sections);
   vemo_arena_free(&reading->arena);
   free(reading);
+  errno = kept;
 }
 
-static struct reading *read_all(void) {
+static struct reading *new_reading(void) {
   struct reading *reading = calloc(1, sizeof *reading);
 
-  if (reading == NULL) goto no_memory;
+  if (reading == NULL) {
+    fail_memory();
+    return NULL;
+  }
   reading->current = SIZE_MAX;
   reading->global = VLIBCSzHashAlloc(32);
   reading->by_name = VLIBCSzHashAlloc(32);
-  if (reading->global == NULL || reading->by_name == NULL) goto no_memory;
+  reading->by_source = VLIBCSzHashAlloc(4);
+  if (reading->global != NULL && reading->by_name != NULL && reading->by_source != NULL) {
+    return reading;
+  }
+  forget(reading);
+  return NULL;
+}
+
+static struct reading *read_all(void) {
+  struct reading *reading = new_reading();
+
+  if (reading == NULL) return NULL;
   /* A process that has become the user reads it as root, where it still can. */
   const uid_t before = geteuid();
   const int as_root = before != 0 && seteuid(0) == 0;
   const int failed = read_file(reading, CONFIGURATION, 0);
   if (as_root) vemo_root_end(before);
-  if (failed) goto failed;
-  if (end_section(reading) != 0) goto no_memory;
-  if (index_shares(reading) == 0) return reading;
-
-no_memory:
-  VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
-failed:
+  end_section(reading);
+  if (!failed && index_shares(reading) == 0) return reading;
   forget(reading);
   return NULL;
 }
 
 static int is_current(const struct reading *reading) {
-  for (size_t i = 0; i < reading->file_count; i++) {
+  for (size_t i = 0; i < reading->source_count; i++) {
+    const struct source *source = &reading->sources[i];
     struct stat status;
-    const int missing = stat(reading->files[i].path, &status) != 0;
-    if (missing != reading->files[i].missing) return 0;
-    if (!missing && !vemo_stamp_matches(&reading->files[i].stamp, &status)) return 0;
+    const int missing = stat(source->path, &status) != 0;
+    if (missing != source->missing) return 0;
+    if (!missing && !vemo_stamp_matches(&source->stamp, &status)) return 0;
   }
   return 1;
 }
@@ -516,12 +596,11 @@ const struct vemo_smb_conf *vemo_smb_conf(void) {
 
 int vemo_smb_conf_global(const char *parameter, char *buffer, size_t size) {
   char folded[NAME_LIMIT];
-  int inverted;
-  const struct vemo_smb_conf *conf = vemo_smb_conf();
 
+  const struct vemo_smb_conf *conf = vemo_smb_conf();
   if (conf == NULL) return -1;
   if (fold(parameter, strlen(parameter), 0, folded) != 0) return 0;
-  const char *value = VLIBCSzHashGetValue(conf->global, canonical(folded, &inverted));
+  const char *value = VLIBCSzHashGetValue(conf->global, folded);
   if (value == NULL) return 0;
   snprintf(buffer, size, "%s", value);
   return 1;
