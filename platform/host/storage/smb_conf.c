@@ -376,7 +376,8 @@ static int is_absent(const char *path, struct source *source) {
     return 1;
   }
   source->missing = 1;
-  if (errno == ENOENT || errno == ENOTDIR) return 1;
+  /* No file can have such a path. */
+  if (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG || errno == ELOOP) return 1;
   VEMO_FAIL_ERRNO();
   return -1;
 }
