@@ -276,7 +276,8 @@ include = /etc/samba/none.conf
 include = /etc/samba
 include = /etc/samba/deep0.conf
 include = /etc/samba/smb.conf/x
-include = /etc/samba/)" + std::string(300, 'x') + "\n");
+include = /etc/samba/)" +
+                   std::string(300, 'x') + "\n");
   EXPECT_EQ(Priv("stranger", "before"), 2);  // the defaults of the time when it began
   EXPECT_EQ(Priv("stranger", "after"), 1);
   EXPECT_EQ(PathOf("copied"), "/3");
