@@ -13,9 +13,11 @@
 
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <dirent.h>
+#include <grp.h>
 #include <openssl/md5.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 #include <vemo/acl.h>
 #include <vemo/cgi.h>
 #include <vemo/core.h>
@@ -42,6 +44,11 @@ struct Hooks {
 /// The hooks of this process; a test case is a process of its own, so nothing
 /// has to be put back.
 extern Hooks hooks;
+
+/// What a hook calls that lets some of the calls pass.
+#define ZEM_HOOK(result, name, parameters, arguments) extern "C" result __real_##name parameters;
+#include "faults/wrapped_calls.inc"
+#undef ZEM_HOOK
 
 }  // namespace faults
 

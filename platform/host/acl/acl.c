@@ -38,15 +38,18 @@ static int may(const char *path, int how) {
   return faccessat(AT_FDCWD, path, how, AT_EACCESS) == 0;
 }
 
-/* The directory in which the last part stands. 0; -1: there is none, or it is too long. */
+/* The directory in which the last part stands. 0; -1: there is none, it is too long, or the part
+ * is "." or "..", which nobody takes away. */
 static int parent_of(const char *path, char *parent, size_t size) {
   size_t length = strlen(path);
 
   while (length > 0 && path[length - 1] == '/')
     length--;
+  const size_t end = length;
   if (length == 0 || length >= size) return -1;
   while (length > 0 && path[length - 1] != '/')
     length--;
+  if (end - length <= 2 && strncmp(path + length, "..", end - length) == 0) return -1;
   if (length == 0) {
     strcpy(parent, ".");
     return 0;
@@ -56,23 +59,23 @@ static int parent_of(const char *path, char *parent, size_t size) {
   return 0;
 }
 
-/* What stands for itself: no mount point, not immutable, and not somebody else's in a
- * directory where everybody takes away only what is their own. */
+/* What stands for itself: no mount point, not immutable, not in a directory that only grows,
+ * and not somebody else's in one where everybody takes away only what is their own. */
 static int may_delete(const char *path) {
   char parent[4096];
-  struct statx file;
-  struct stat directory;
+  struct statx file, directory;
 
   if (parent_of(path, parent, sizeof parent) != 0 || !may(parent, W_OK | X_OK)) return 0;
-  if (stat(parent, &directory) != 0 ||
+  if (statx(AT_FDCWD, parent, 0, STATX_UID | STATX_MODE, &directory) != 0 ||
       statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_UID, &file) != 0) {
     return 0;
   }
   const unsigned long long fixed = STATX_ATTR_MOUNT_ROOT | STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
   if ((file.stx_attributes & fixed) != 0) return 0;
+  if ((directory.stx_attributes & STATX_ATTR_APPEND) != 0) return 0;
   const uid_t self = geteuid();
-  return (directory.st_mode & S_ISVTX) == 0 || self == 0 || self == file.stx_uid ||
-         self == directory.st_uid;
+  return (directory.stx_mode & S_ISVTX) == 0 || self == 0 || self == file.stx_uid ||
+         self == directory.stx_uid;
 }
 
 static int is_read_only(const char *path) {

@@ -19,7 +19,12 @@
 #define DECLARATIONS "/usr/vemo/etc/ports.d"
 #define SUFFIX ".conf"
 
-enum { LARGEST_PORT = 65535, TCP_LISTEN = 0x0a, UDP_OPEN = 0x07 };
+enum {
+  LARGEST_PORT = 65535,
+  LIST_SIZE = 1 << 16, /* as much as a line of a file may hold, so that no list is cut */
+  TCP_LISTEN = 0x0a,
+  UDP_OPEN = 0x07
+};
 
 struct question {
   const char *services; /* the asker's own */
@@ -27,7 +32,8 @@ struct question {
   int first, last;
   unsigned char own[LARGEST_PORT / 8 + 1]; /* the ports that they declare */
   VEMOSERVICEPORT **end;
-  int count, failed;
+  int count;
+  int error, code; /* what failed, as an errno and for the error slot; 0: nothing */
 };
 
 /* "N" or "N:M" at the start of the text. Where it ends; NULL: it is none. */
@@ -60,11 +66,16 @@ static int is_asker(const struct question *question, const char *service) {
   return 0;
 }
 
+static void fail(struct question *question, int error, int code) {
+  question->error = error;
+  question->code = code;
+}
+
 static void add(struct question *question, const char *service, int first, int last) {
   VEMOSERVICEPORT *port = calloc(1, sizeof *port);
 
   if (port == NULL) {
-    question->failed = 1;
+    fail(question, ENOMEM, VEMOERR_NO_MEMORY);
     return;
   }
   port->first = first;
@@ -84,20 +95,21 @@ static void take_own(struct question *question, int first, int last) {
 /* What a file declares: the asker's own, or conflicts. What is no port in it is passed over. */
 static void read_declaration(struct question *question, const char *file, const char *service,
                              int own) {
-  char path[512], list[4096];
+  char path[512], list[LIST_SIZE];
   int first, last;
 
   snprintf(path, sizeof path, DECLARATIONS "/%s", file);
   if (VLIBCFileGetKeyValue(path, question->protocol, list, sizeof list) != 1) return;
   for (const char *at = list; *at != '\0';) {
     at += strspn(at, ", \t");
-    const char *end = parse_ports(at, &first, &last);
-    if (end != NULL && own) {
+    const size_t size = strcspn(at, ", \t");
+    const int is_port = parse_ports(at, &first, &last) == at + size;
+    if (is_port && own) {
       take_own(question, first, last);
-    } else if (end != NULL && first <= question->last && last >= question->first) {
+    } else if (is_port && first <= question->last && last >= question->first) {
       add(question, service, first, last);
     }
-    at += strcspn(at, ", \t");
+    at += size;
   }
 }
 
@@ -120,13 +132,12 @@ static void read_declarations(struct question *question, int own) {
   if (count >= 0) free(entries);
 }
 
-/* One of the kernel's tables of sockets (proc(5)). */
-static void read_table(struct question *question, const char *path, unsigned char *seen) {
+/* One of the kernel's tables of sockets (proc(5)). 0; -1: there is none. */
+static int read_table(const char *path, unsigned wanted, unsigned char *seen) {
   char line[512];
-  const unsigned wanted = strcmp(question->protocol, "udp") == 0 ? UDP_OPEN : TCP_LISTEN;
 
   FILE *table = fopen(path, "re");
-  if (table == NULL) return;
+  if (table == NULL) return -1;
   while (fgets(line, sizeof line, table) != NULL) {
     unsigned port, state;
     if (sscanf(line, " %*[^:]: %*[0-9A-Fa-f]:%x %*[0-9A-Fa-f]:%*x %x", &port, &state) != 2)
@@ -135,14 +146,20 @@ static void read_table(struct question *question, const char *path, unsigned cha
       seen[port / 8] |= (unsigned char)(1 << port % 8);
   }
   fclose(table);
+  return 0;
 }
 
 static void read_listening(struct question *question) {
   unsigned char seen[LARGEST_PORT / 8 + 1] = {0};
   const int udp = strcmp(question->protocol, "udp") == 0;
+  const unsigned wanted = udp ? UDP_OPEN : TCP_LISTEN;
 
-  read_table(question, udp ? "/proc/net/udp" : "/proc/net/tcp", seen);
-  read_table(question, udp ? "/proc/net/udp6" : "/proc/net/tcp6", seen);
+  if (read_table(udp ? "/proc/net/udp" : "/proc/net/tcp", wanted, seen) != 0) {
+    fail(question, errno, VEMOERR_IO);
+    return;
+  }
+  /* Without IPv6 there is no such table. */
+  read_table(udp ? "/proc/net/udp6" : "/proc/net/tcp6", wanted, seen);
   for (int port = question->first; port <= question->last; port++) {
     const unsigned char bit = (unsigned char)(1 << port % 8);
     /* The asker listens on its own ports, of course. */
@@ -175,12 +192,12 @@ int VLIBIsPortConflict(const char *services, const char *range, const char *prot
   if ((checks & VEMOPORTS_RESERVED) != 0) read_declaration(&question, "reserved", "reserved", 0);
   if ((checks & VEMOPORTS_DECLARED) != 0) read_declarations(&question, 0);
   if ((checks & VEMOPORTS_LISTENING) != 0) read_listening(&question);
-  if (question.failed || conflicts == NULL || question.count == 0) {
+  if (question.code != 0 || conflicts == NULL || question.count == 0) {
     free_ports(list);
   } else {
     *conflicts = list;
   }
-  if (!question.failed) return question.count;
-  VEMO_FAIL_AS(ENOMEM, VEMOERR_NO_MEMORY);
+  if (question.code == 0) return question.count;
+  VEMO_FAIL_AS(question.error, question.code);
   return -1;
 }

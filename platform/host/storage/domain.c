@@ -14,6 +14,30 @@
 #include "core/internal.h"
 #include "storage/smb_conf.h"
 
+/* Whether a parameter of [global] has one of the values. */
+static int is_one_of(const char *parameter, const char *const values[]) {
+  char value[64];
+
+  if (vemo_smb_conf_global(parameter, value, sizeof value) != 1) return 0;
+  for (size_t i = 0; values[i] != NULL; i++) {
+    if (strcasecmp(value, values[i]) == 0) return 1;
+  }
+  return 0;
+}
+
+enum vemo_domain vemo_domain_joined(void) {
+  if (is_one_of("security", (const char *const[]){"ads", NULL}) ||
+      is_one_of("serverrole", (const char *const[]){"active directory domain controller",
+                                                    "domain controller", "dc", NULL})) {
+    return VEMO_DOMAIN_ACTIVE_DIRECTORY;
+  }
+  if (is_one_of("security", (const char *const[]){"domain", NULL}) ||
+      is_one_of("serverrole", (const char *const[]){"member server", "member", NULL})) {
+    return VEMO_DOMAIN_NT;
+  }
+  return VEMO_DOMAIN_NONE;
+}
+
 static int put(const char *name, char *buffer, size_t size) {
   if (strlen(name) >= size) {
     VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);

@@ -14,7 +14,6 @@
 
 #include "core/internal.h"
 #include "storage/domain.h"
-#include "storage/smb_conf.h"
 
 #define SETTINGS "/etc/vemoinfo.conf"
 #define USER_PREFERENCES "/usr/vemo/etc/preference"
@@ -208,13 +207,12 @@ int VEMOGroupPreferenceDirGet(const char *group, char *buffer, int size) {
 
 /* "name@dns.domain" of a domain that this machine has joined, as "DOMAIN\name". 1; 0. */
 static int convert_principal(const char *typed, char *buffer, int size) {
-  char domain[64], security[32];
+  char domain[64];
 
   const char *at = strrchr(typed, '@');
   if (at == NULL || at == typed || at[1] == '\0') return 0;
   /* Without a domain nobody is asked. */
-  if (vemo_smb_conf_global("security", security, sizeof security) != 1 ||
-      strcasecmp(security, "user") == 0 ||
+  if (vemo_domain_joined() == VEMO_DOMAIN_NONE ||
       vemo_domain_short_name(at + 1, domain, sizeof domain) != 1) {
     return 0;
   }
@@ -238,7 +236,9 @@ int VEMOUserLoginNameConvert(const char *typed, char *buffer, int size) {
     free(texts);
     return put(typed, buffer, size) == 0 ? 1 : -1;
   }
-  return convert_principal(typed, buffer, size);
+  const int converted = convert_principal(typed, buffer, size);
+  if (converted == 0) return put(typed, buffer, size); /* as it is */
+  return converted;
 }
 
 BOOL VEMOServiceUserHomeIsEnabled(enum vemo_user_kind kind) {

@@ -4,32 +4,17 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <strings.h>
 
 #include "core/internal.h"
 #include "storage/domain.h"
 #include "storage/smb_conf.h"
 
-/* Whether a parameter of [global] has one of the values. */
-static int is_one_of(const char *parameter, const char *const values[]) {
-  char value[64];
-
-  if (vemo_smb_conf_global(parameter, value, sizeof value) != 1) return 0;
-  for (size_t i = 0; values[i] != NULL; i++) {
-    if (strcasecmp(value, values[i]) == 0) return 1;
-  }
-  return 0;
+BOOL VEMOWinsIsJoined(void) {
+  return vemo_domain_joined() != VEMO_DOMAIN_NONE;
 }
 
 BOOL VEMOWinsADSJoined(void) {
-  return is_one_of("security", (const char *const[]){"ads", NULL}) ||
-         is_one_of("serverrole", (const char *const[]){"active directory domain controller",
-                                                       "domain controller", "dc", NULL});
-}
-
-BOOL VEMOWinsIsJoined(void) {
-  return VEMOWinsADSJoined() || is_one_of("security", (const char *const[]){"domain", NULL}) ||
-         is_one_of("serverrole", (const char *const[]){"member server", "member", NULL});
+  return vemo_domain_joined() == VEMO_DOMAIN_ACTIVE_DIRECTORY;
 }
 
 int VEMOWorkgroupGet(char *buffer, int size) {

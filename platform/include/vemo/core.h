@@ -207,7 +207,8 @@ struct _tag_VEMOSERVICEPORT; /* vemo/ports.h */
  * VEMOPORTS_RESERVED, _DECLARED and _LISTENING. `services`, separated by commas,
  * are the asker's own, whose declared ports are no conflict. The number of
  * conflicts, their list in `*conflicts` (freed with VEMOServiceConfPortsFree); 0;
- * -1 (VEMOERR_BAD_PARAM: a range outside of 1 to 65535). */
+ * -1 (VEMOERR_BAD_PARAM: a range outside of 1 to 65535; VEMOERR_IO: what is listened on cannot
+ * be told). */
 int VLIBIsPortConflict(const char *services, const char *range, const char *protocol, int checks,
                        struct _tag_VEMOSERVICEPORT **conflicts);
 

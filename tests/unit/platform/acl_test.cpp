@@ -3,10 +3,12 @@
 #include <grp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vemo/acl.h>
 #include <vemo/core.h>
 
+#include <csignal>
 #include <string>
 
 #include "cgi_accounts.h"
@@ -96,6 +98,79 @@ TEST_F(Acl, DeletingIsARightOfTheFolder) {
   EXPECT_EQ(Mask("/run/a/open/link", 7101) & 8, 8);
   EXPECT_EQ(Mask("/", 0) & 8, 0);
   Shell("umount /run/a/mount");
+}
+
+TEST_F(Acl, WhatNobodyTakesAway) {
+  Shell(
+      "cd /run/a; mkdir -m 0777 dir grows; echo x > file; echo x > fixed; echo x > log; echo x > "
+      "grows/file");
+  Shell("mkdir /run/a/fs; mount -t tmpfs none /run/a/fs; mkdir /run/a/fs/dir");
+  for (const char* path : {"/run/a/dir/.", "/run/a/dir/..", "/run/a/dir/./", "/", "//", "/.."})
+    EXPECT_EQ(Mask(path, 0) & 8, 0) << path;
+  for (const char* path : {"/run/a/dir", "/run/a/dir/", "/run/a/dir//", "/run/a/file"})
+    EXPECT_EQ(Mask(path, 0) & 8, 8) << path;
+  Shell("cd /run/a; mkdir ...; mkdir .x");
+  EXPECT_EQ(Mask("/run/a/...", 0) & 8, 8);
+  EXPECT_EQ(Mask("/run/a/.x", 0) & 8, 8);
+  ASSERT_EQ(chdir("/run/a"), 0);
+  EXPECT_EQ(Mask("file", 0) & 8, 8);
+  EXPECT_EQ(Mask(".", 0) & 8, 0);
+  Shell("umount /run/a/fs");
+}
+
+// Where the file system keeps such marks.
+TEST_F(Acl, ImmutableFilesAndFoldersThatOnlyGrow) {
+  Shell(
+      "truncate -s 16M /run/image; mkfs.ext4 -q /run/image; mkdir /run/a/ext; mount -o loop "
+      "/run/image /run/a/ext");
+  Shell(
+      "cd /run/a/ext; chmod 0777 .; mkdir -m 0777 grows fixed_dir; for f in fixed log plain "
+      "grows/file fixed_dir/file; do echo x > $f; chmod 0666 $f; done; chattr +i fixed fixed_dir; "
+      "chattr +a log grows");
+  struct Row {
+    const char* file;
+    int four;
+  };
+  for (const Row& row : {Row{"plain", 4 | 2 | 8},
+                         {"fixed", 4},
+                         {"log", 4 | 2},
+                         {"grows/file", 4 | 2},
+                         {"fixed_dir/file", 4 | 2}}) {
+    const std::string path = std::string("/run/a/ext/") + row.file;
+    EXPECT_EQ(Mask(path, 0) & kFour, row.four) << row.file;
+    EXPECT_EQ(unlink(path.c_str()) == 0, (row.four & 8) != 0) << row.file;  // and so it is
+  }
+  Shell("cd /run/a/ext; chattr -i fixed fixed_dir; chattr -a log grows; cd /; umount /run/a/ext");
+}
+
+// A network's file system whose server died: it answers with neither a mask nor a refusal.
+TEST_F(Acl, ADeadMountIsAnotherFailure) {
+  Shell(
+      "mkdir /run/tree /run/a/dead; echo x > /run/tree/f; mksquashfs /run/tree /run/image -quiet");
+  const pid_t server = fork();
+  if (server == 0) {
+    execlp("squashfuse", "squashfuse", "-f", "-o", "subtype=sshfs,fsname=nas:/x", "/run/image",
+           "/run/a/dead", nullptr);
+    _exit(127);
+  }
+  for (int i = 0; i < 100 && access("/run/a/dead/f", F_OK) != 0; i++)
+    usleep(50000);
+  ASSERT_EQ(access("/run/a/dead/f", F_OK), 0);
+  kill(server, SIGKILL);
+  waitpid(server, nullptr, 0);
+  sleep(2);  // until what the kernel remembers of it is too old
+  EXPECT_EQ(Mask("/run/a/dead/f", 0, 0), -1);  // its only user
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_IO);
+  Shell("umount -l /run/a/dead");
+}
+
+TEST_F(Acl, PicturesOfDiscsHaveNoLists) {
+  Shell(
+      "mkdir /run/tree /run/a/disc; echo x > /run/tree/f; mksquashfs /run/tree /run/image -quiet; "
+      "mount -o loop /run/image /run/a/disc");
+  EXPECT_EQ(Mask("/run/a/disc/f", 0), -1);
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_ACL_UNSUPPORTED);
+  Shell("umount /run/a/disc");
 }
 
 TEST_F(Acl, AReadOnlyFileSystemIsASmallerMask) {

@@ -1,17 +1,12 @@
-// The Windows network by its configuration, and becoming a user.
-#include <grp.h>
+// The Windows network by its configuration.
+#include <dlfcn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vemo/core.h>
-#include <vemo/credentials.h>
 #include <vemo/user.h>
 #include <vemo/wins.h>
-#include <algorithm>
 
-#include <functional>
 #include <string>
-#include <vector>
 
 #include "cgi_accounts.h"
 
@@ -33,6 +28,14 @@ TEST(Windows, MembershipIsTheConfigurations) {
                          {"Security=ADS\n", 1, 1},
                          {"server role = member server\n", 1, 0},
                          {"server role = active directory domain controller\n", 1, 1},
+                         {"server role = Member\n", 1, 0},
+                         {"server role = domain controller\n", 1, 1},
+                         {"SERVERROLE = DC\n", 1, 1},
+                         {"security = user\nserver role = member server\n", 1, 0},
+                         {"security = ads \n", 1, 1},
+                         {"security = domains\n", 0, 0},
+                         {"# security = ads\n", 0, 0},
+                         {"security = ads\nsecurity = user\n", 0, 0},
                          {"server role = standalone server\n", 0, 0}}) {
     Conf(row.global);
     EXPECT_EQ(VEMOWinsIsJoined(), row.joined) << row.global;
@@ -86,12 +89,91 @@ TEST(Windows, LoginNamesOfTheOwnDomain) {
   EXPECT_STREQ(name, "CORP\\alice");
   EXPECT_EQ(VEMOUserLoginNameConvert("root", name, sizeof name), 1);
   EXPECT_STREQ(name, "root");
-  for (const char* other : {"nobody-known", "alice@other.example", "@corp.example", "alice@"})
+  EXPECT_EQ(VEMOUserLoginNameConvert("a@b@Corp.Example", name, sizeof name), 1);
+  EXPECT_STREQ(name, "CORP\\a@b");
+  EXPECT_EQ(VEMOUserLoginNameConvert("alice@corp.example", name, 19), 1);
+  for (const char* other : {"nobody-known", "alice@other.example", "@corp.example", "alice@"}) {
     EXPECT_EQ(VEMOUserLoginNameConvert(other, name, sizeof name), 0) << other;
+    EXPECT_STREQ(name, other);  // as it was typed
+  }
+  // A member by its role alone has joined too.
+  Conf("server role = member server\nrealm = CORP.EXAMPLE\nworkgroup = CORP\n");
+  EXPECT_EQ(VEMOUserLoginNameConvert("alice@corp.example", name, sizeof name), 1);
+  EXPECT_STREQ(name, "CORP\\alice");
+  for (const char* none : {"security = user\n", "security = auto\n"}) {
+    Conf(none + std::string("realm = CORP.EXAMPLE\nworkgroup = CORP\n"));
+    EXPECT_EQ(VEMOUserLoginNameConvert("alice@corp.example", name, sizeof name), 0) << none;
+  }
   Conf("workgroup = CORP\nrealm = CORP.EXAMPLE\n");
   EXPECT_EQ(VEMOUserLoginNameConvert("alice@corp.example", name, sizeof name), 0);
   EXPECT_EQ(VEMOUserLoginNameConvert("root", name, 4), -1);
   EXPECT_EQ(VLIBCErrGet(), VEMOERR_TOO_LONG);
+}
+
+// In the place of the library that asks winbind, with answers as winbind gives them.
+const char kWinbind[] = R"(
+#include <stdbool.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <wbclient.h>
+static int handed_out;
+wbcErr wbcDomainInfo(const char *domain, struct wbcDomainInfo **info) {
+  if (strcmp(domain, "none.example") == 0) return WBC_ERR_DOMAIN_NOT_FOUND;
+  if (strcmp(domain, "down.example") == 0) return WBC_ERR_WINBIND_NOT_AVAILABLE;
+  *info = calloc(1, sizeof **info);
+  if (strcmp(domain, "other.example") == 0) (*info)->short_name = "OTHER";
+  if (strcmp(domain, "long.example") == 0)
+    (*info)->short_name = "LONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONGLONG";
+  handed_out++;
+  return WBC_ERR_SUCCESS;
+}
+void wbcFreeMemory(void *memory) {
+  if (memory != NULL) handed_out--;
+  free(memory);
+}
+int handed_out_now(void) { return handed_out; }
+)";
+
+TEST(Windows, OtherDomainsAreWinbindsToKnow) {
+  Write("/run/winbind.c", kWinbind);
+  Shell(
+      "rm -f /usr/lib/*/libwbclient.so.0; gcc -shared -fPIC $(pkg-config --cflags wbclient) -o "
+      "$(dirname $(ls /usr/lib/*/libc.so.6))/libwbclient.so.0 /run/winbind.c");
+  Conf("security = ads\nrealm = CORP.EXAMPLE\nworkgroup = CORP\n");
+  struct Row {
+    const char* name;
+    int result, code;
+    const char* converted;
+  };
+  for (const Row& row : {Row{"other.example\\alice", 1, 0, "OTHER\\alice"},
+                         {"corp.example\\alice", 1, 0, "CORP\\alice"},
+                         {"none.example\\alice", 0, 0, ""},
+                         {"down.example\\alice", -1, VEMOERR_NO_SERVICE, ""},
+                         {"nameless.example\\alice", -1, VEMOERR_NO_SERVICE, ""},
+                         {"long.example\\alice", -1, VEMOERR_TOO_LONG, ""}}) {
+    char name[64] = "";
+    VLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(VEMOWinsUserNameFqdn2Netbios(row.name, name, sizeof name), row.result) << row.name;
+    EXPECT_STREQ(name, row.converted) << row.name;
+    EXPECT_EQ(VLIBCErrGet(), row.code) << row.name;
+  }
+  char name[64];
+  EXPECT_EQ(VEMOUserLoginNameConvert("alice@other.example", name, sizeof name), 1);
+  EXPECT_STREQ(name, "OTHER\\alice");
+  void* library = dlopen("libwbclient.so.0", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(library, nullptr);
+  EXPECT_EQ(reinterpret_cast<int (*)()>(dlsym(library, "handed_out_now"))(), 0);
+}
+
+TEST(Windows, WithoutTheLibraryNobodyIsAsked) {
+  Shell("rm -f /usr/lib/*/libwbclient.so*");
+  Conf("security = ads\nrealm = CORP.EXAMPLE\nworkgroup = CORP\n");
+  char name[64];
+  EXPECT_EQ(VEMOWinsUserNameFqdn2Netbios("corp.example\\alice", name, sizeof name), 1);
+  EXPECT_EQ(VEMOWinsUserNameFqdn2Netbios("other.example\\alice", name, sizeof name), -1);
+  EXPECT_EQ(VLIBCErrGet(), VEMOERR_NO_SERVICE);
 }
 
 TEST(Homes, AreOnByKindOfUser) {
@@ -109,81 +191,6 @@ TEST(Homes, AreOnByKindOfUser) {
     EXPECT_EQ(VEMOServiceUserHomeIsEnabled(VEMOUSER_DOMAIN), row.domain) << row.conf;
     EXPECT_EQ(VEMOServiceUserHomeIsEnabled(VEMOUSER_DIRECTORY), row.directory) << row.conf;
   }
-}
-
-// --- Becoming a user ---
-
-// In a process of its own; every expectation that fails there makes it end with 1.
-void InAnother(const std::function<bool()>& body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body() ? 0 : 1);
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
-}
-
-bool IdsAre(uid_t real, uid_t effective, uid_t saved, gid_t group, gid_t saved_group) {
-  uid_t u[3];
-  gid_t g[3];
-  return getresuid(&u[0], &u[1], &u[2]) == 0 && getresgid(&g[0], &g[1], &g[2]) == 0 &&
-         u[0] == real && u[1] == effective && u[2] == saved && g[0] == group && g[1] == group &&
-         g[2] == saved_group;
-}
-
-std::vector<gid_t> Groups() {
-  std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
-  getgroups(static_cast<int>(groups.size()), groups.data());
-  return groups;
-}
-
-class Credentials : public testing::Test {
- protected:
-  void SetUp() override {
-    Shell(
-        "groupadd -g 7200 main; groupadd -g 7201 extra; useradd -M -u 7201 -g main -G extra one; "
-        "useradd -M -u 7202 two");
-  }
-};
-
-TEST_F(Credentials, AllIdsAndGroupsAreTheUsers) {
-  InAnother([] {
-    if (ResetCredentialsByName("one", FALSE) != 1 || !IdsAre(7201, 7201, 7201, 7200, 7200))
-      return false;
-    const auto groups = Groups();
-    return std::find(groups.begin(), groups.end(), 7201u) != groups.end() && seteuid(0) != 0 &&
-           ResetCredentialsByName("two", TRUE) == 0 && VLIBCErrGet() == VEMOERR_NO_PERM &&
-           IdsAre(7201, 7201, 7201, 7200, 7200);
-  });
-}
-
-TEST_F(Credentials, AReversibleOneCanBeReset) {
-  InAnother([] {
-    if (ResetCredentialsByName("one", TRUE) != 1 || !IdsAre(7201, 7201, 0, 7200, 0)) return false;
-    if (ResetCredentialsByName("two", TRUE) != 1 || geteuid() != 7202) return false;
-    const auto groups = Groups();
-    if (std::find(groups.begin(), groups.end(), 7201u) != groups.end()) return false;
-    return ResetCredentialsByName("root", TRUE) == 1 && IdsAre(0, 0, 0, 0, 0);
-  });
-}
-
-TEST_F(Credentials, WhatFailsChangesNothing) {
-  InAnother([] {
-    for (const char* name : {static_cast<const char*>(nullptr), "", "nobody-known"}) {
-      if (ResetCredentialsByName(name, TRUE) != 0 || !IdsAre(0, 0, 0, 0, 0)) return false;
-    }
-    return VLIBCErrGet() == VEMOERR_NO_USER;
-  });
-  InAnother([] {
-    if (ResetCredentialsByName("one", TRUE) != 1) return false;
-    const auto before = Groups();
-    return ResetCredentialsByName("nobody-known", TRUE) == 0 && IdsAre(7201, 7201, 0, 7200, 0) &&
-           Groups() == before;
-  });
-  InAnother([] {
-    if (setresuid(7202, 7202, 7202) != 0) return false;
-    return ResetCredentialsByName("one", TRUE) == 0 && VLIBCErrGet() == VEMOERR_NO_PERM &&
-           geteuid() == 7202;
-  });
 }
 
 }  // namespace

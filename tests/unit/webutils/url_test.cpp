@@ -133,6 +133,25 @@ TEST(Url, TheServersName) {
   char name[256];
   ASSERT_EQ(gethostname(name, sizeof name), 0);
   EXPECT_EQ(WebUtils::GetServerName(), name);
+  ASSERT_EQ(sethostname("nas-1.example", 13), 0);
+  EXPECT_EQ(WebUtils::GetServerName(), "nas-1.example");
+  const std::string longest(64, 'n');
+  ASSERT_EQ(sethostname(longest.c_str(), longest.size()), 0);
+  EXPECT_EQ(WebUtils::GetServerName(), longest);
+}
+
+TEST(Url, AServerWithoutAName) {
+  support::Syslog log;
+  faults::hooks.gethostname = [](char* buffer, size_t) {
+    buffer[0] = 'x';
+    return -1;
+  };
+  EXPECT_EQ(WebUtils::GetServerName(), "");
+  const auto lines = log.TakeTexts();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(std::regex_match(
+      lines[0], std::regex("webutils:GetServerName\\(\\d+\\): getting hostname error\\.")))
+      << lines[0];
 }
 
 TEST(Url, TheDomainsName) {
