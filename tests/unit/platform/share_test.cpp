@@ -276,7 +276,8 @@ include = /etc/samba/none.conf
 include = /etc/samba
 include = /etc/samba/deep0.conf
 include = /etc/samba/smb.conf/x
-include = /etc/samba/)" + std::string(300, 'x') + "\n");
+include = /etc/samba/)" +
+                   std::string(300, 'x') + "\n");
   EXPECT_EQ(Priv("stranger", "before"), 2);  // the defaults of the time when it began
   EXPECT_EQ(Priv("stranger", "after"), 1);
   EXPECT_EQ(PathOf("copied"), "/3");
@@ -520,6 +521,25 @@ valid users = +team
       EXPECT_EQ(Why(row.user, row.share), row.why) << row.share << " " << row.user;
     }
   }
+}
+
+// Who cannot be told from those that a list keeps out, is kept out.
+TEST_F(Shares, WithoutTheServiceOfGroupsListsCloseShares) {
+  Write(kConf,
+        "[invalid]\npath=/1\ninvalid users = @kids\n[valid]\npath=/2\nvalid users = @kids\n"
+        "[read]\npath=/3\nread only = no\nread list = @kids\n[write]\npath=/4\nwrite list = @kids\n"
+        "[names]\npath=/5\ninvalid users = kid\n");
+  const std::map<std::string, int> before = {
+      {"invalid", 1}, {"valid", 0}, {"read", 2}, {"write", 1}, {"names", 1}};
+  for (const auto& [share, privilege] : before)
+    EXPECT_EQ(Priv("stranger", share), privilege) << share;
+  Shell(
+      "sed -i '/^group/d' /etc/nsswitch.conf; echo 'group: nowhere [UNAVAIL=return]' >> "
+      "/etc/nsswitch.conf; touch -d '+2 sec' /etc/nsswitch.conf");
+  const std::map<std::string, int> after = {
+      {"invalid", 0}, {"valid", 0}, {"read", 1}, {"write", 1}, {"names", 1}};
+  for (const auto& [share, privilege] : after)
+    EXPECT_EQ(Priv("stranger", share), privilege) << share;
 }
 
 TEST_F(Shares, TheHomesAreAShareWhileTheyAreOn) {
