@@ -55,10 +55,9 @@ bool NumberOf(WebMan& request, const char* name, long otherwise, long& number) {
   const Json::Value* document = request.In();
   if (document != nullptr && document->isObject()) {
     const Json::Value member = document->get(name, Json::Value());
-    if (member.isInt64()) {
-      number = static_cast<long>(member.asInt64());
-      return number >= 0;
-    }
+    if (member.isInt()) number = member.asInt();
+    if (member.isInt()) return number >= 0;
+    if (!member.isNull() && !member.isString()) return false;
   }
   const std::string text = program::Field(request, name);
   if (text.empty()) {
@@ -149,7 +148,10 @@ std::string PathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(de
 
 void AddRights(const SharePlace& place, int file, Json::Value& may) {
   const VEMOPrivilege::FileAccessor accessor;
-  const int mask = accessor.GetACLPrivilege(PathOf(file));
+  struct stat status;
+  // A link leads nowhere, so there is nothing to be read behind it.
+  const bool is_link = fstat(file, &status) == 0 && S_ISLNK(status.st_mode);
+  const int mask = is_link ? 0 : accessor.GetACLPrivilege(PathOf(file));
   may["read"] = (mask & VEMOACL_READ) != 0 && place.may_download();
   may["write"] = (mask & VEMOACL_WRITE) != 0 && place.may_write();
   may["delete"] = false;
@@ -171,6 +173,11 @@ Outcome Get(WebMan& request) {
   struct stat status;
   const zem::Descriptor file = place.Open(O_PATH);
   if (!file || fstat(file.get(), &status) != 0) return {ErrorKeyOf(errno)};
+  // What a listing hides is not there for those who know its name either.
+  if (place.hides_unreadable() &&
+      faccessat(AT_FDCWD, PathOf(file.get()).c_str(), R_OK, AT_EACCESS) != 0) {
+    return {"error_not_found"};
+  }
   Outcome outcome;
   outcome.data = program::DescribeEntry(place.name(), status);
   AddRights(place, file.get(), outcome.data["may"]);

@@ -43,6 +43,20 @@ zem::Descriptor WalkBelow(int root, const std::string& relative, int flags) {
   return at;
 }
 
+// Whether the links on the way are all root's: a share in a folder that users may change could
+// have been replaced by a link of theirs.
+bool HasOnlyRootsLinks(const std::string& path) {
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    struct stat status;
+    if (lstat(path.substr(0, end).c_str(), &status) != 0) return false;
+    if (S_ISLNK(status.st_mode) && status.st_uid != 0) {
+      errno = ELOOP;
+      return false;
+    }
+    if (end == std::string::npos) return true;
+  }
+}
+
 }  // namespace
 
 bool IsSharePath(const std::string& path) {
@@ -73,7 +87,10 @@ const char* ErrorKeyOf(int error) {
     case EDQUOT:
       return "error_no_space";
     case EEXIST:
+    case EISDIR:
       return "error_exists";
+    case ENXIO:  // a socket
+      return "error_no_file";
     case EBUSY:
       return "error_in_use";
     case ENOTEMPTY:
@@ -121,7 +138,15 @@ const char* SharePlace::FindShare(const std::string& user) {
 }
 
 const char* SharePlace::Enter() {
-  descriptor_ = zem::Descriptor(open(root_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  open_how how = {};
+  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  const long opened = syscall(SYS_openat2, AT_FDCWD, root_.c_str(), &how, sizeof how);
+  if (opened >= 0) {
+    descriptor_ = zem::Descriptor(static_cast<int>(opened));
+  } else if (errno == ENOSYS || (errno == ELOOP && HasOnlyRootsLinks(root_))) {
+    descriptor_ = zem::Descriptor(open(root_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  }
   return descriptor_ ? nullptr : ErrorKeyOf(errno);
 }
 

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vemo/core.h>
+#include <vemo/user.h>
 #include <vemo/volume.h>
 
 #include <cerrno>
@@ -114,25 +115,40 @@ const char* Receive(WebMan& request, Upload& upload) {
 }
 
 // The first slice's growing file gets the id by which later ones find it: the random part of
-// its own name, so that nothing else has to be kept.
+// its own name, so that nothing else has to be kept. It is given before anything can be
+// refused, or nobody could go on with what is there.
 const char* GiveId(WebMan& request, Json::Value& data) {
   const char* path = request.GetSliceUploadTmpFile();
   const char* name = path == nullptr ? nullptr : std::strrchr(path, '/');
   if (name == nullptr || std::strncmp(name + 1, kSlicePrefix, sizeof kSlicePrefix - 1) != 0) {
-    return nullptr;  // it was the last one too: there is nothing to go on with
+    return nullptr;  // nothing grows
   }
   const std::string id = std::string(name + sizeof kSlicePrefix).substr(0, kSliceIdSize);
   if (!request.SaveSliceUploadTmpFile(id.c_str(), path)) return "error_system";
   data["id"] = id;
+  setenv("HTTP_X_TMP_FILE", id.c_str(), 1);
   return nullptr;
 }
 
 // --- Storing ---
 
-// Administrators work as root, and their files are theirs.
-void GiveToCaller(WebMan& request, const std::string& path) {
-  if (geteuid() == 0)
-    WebmanFileShare::WfmLibChown2Admin(path.c_str(), request.GetLoginUserName().c_str());
+// Administrators work as root, and their files are theirs. By the file itself: what stands
+// under its name may be somebody else's by now, and that is not root's.
+void GiveToCaller(WebMan& request, int file, const struct stat& status) {
+  VEMOUSER* user = nullptr;
+  if (geteuid() != 0 || status.st_uid != 0 || !S_ISREG(status.st_mode)) return;
+  if (VEMOUserGet(request.GetLoginUserName().c_str(), &user) != 0) return;
+  if (fchownat(file, "", user->uid, user->gid, AT_EMPTY_PATH) != 0) {
+    // It stays root's, which the caller works as too.
+  }
+  VEMOUserFree(user);
+}
+
+bool IsAmong(const Json::Value& files, const std::string& name) {
+  for (const Json::Value& file : files) {
+    if (file["name"].asString() == name) return true;
+  }
+  return false;
 }
 
 const char* StoreFile(WebMan& request, Upload& upload, bool& stored) {
@@ -140,21 +156,26 @@ const char* StoreFile(WebMan& request, Upload& upload, bool& stored) {
   if (name.empty()) name = program::Field(request, "file");
   const char* error = program::CheckNewName(upload.folder.get(), name);
   if (error != nullptr) return error;
+  // One name is for one file.
+  if (IsAmong(upload.data["files"], name)) return "error_request";
   // By the folder's descriptor: what stands under its name may be another one by now.
   const std::string path = "/proc/self/fd/" + std::to_string(upload.folder.get()) + "/" + name;
   VEMOUPLOADPROGRESS progress = {};
   if (program::Field(request, "overwrite") != "yes") progress.state = VEMOUPLOAD_NEW;
+  const long long size = request.GetUploadFileSize();
   errno = 0;
   const int result = request.LoadUploadFile(path.c_str(), nullptr, &progress);
   if (result < 0) return ErrorOf(result, errno);
   stored = result > 0;
   if (!stored) return nullptr;
-  GiveToCaller(request, path);
   Json::Value file(Json::objectValue);
   file["name"] = name;
-  struct stat status;
-  if (lstat(path.c_str(), &status) == 0) file["size"] = static_cast<Json::Int64>(status.st_size);
+  file["size"] = static_cast<Json::Int64>(size);
   upload.data["files"].append(file);
+  const zem::Descriptor opened(
+      openat(upload.folder.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status;
+  if (opened && fstat(opened.get(), &status) == 0) GiveToCaller(request, opened.get(), status);
   return nullptr;
 }
 
@@ -165,22 +186,16 @@ const char* Store(WebMan& request, Upload& upload) {
     if (error != nullptr) return error;
   }
   upload.data["files"] = Json::Value(Json::arrayValue);
-  if (request.IsSliceUploadRequest()) {
-    if (Environment("HTTP_X_TMP_FILE").empty() && !request.IsSliceUploadFinish()) {
-      const char* error = GiveId(request, upload.data);
-      if (error != nullptr) return error;
-    }
-    AddOffset(request, upload.data);
-    if (!request.IsSliceUploadFinish()) return nullptr;
-  }
+  if (request.IsSliceUploadRequest() && !request.IsSliceUploadFinish()) return nullptr;
   bool stored = true;
   while (stored && request.GetUploadFileSize() >= 0) {
     const char* error = StoreFile(request, upload, stored);
     if (error != nullptr) return error;
   }
   if (upload.data["files"].empty()) return "error_request";
-  if (IsLaterSlice(request)) {
+  if (request.IsSliceUploadRequest()) {
     request.DeleteSliceUploadTmpFile();
+    upload.data.removeMember("id");
     upload.data.removeMember("offset");
   }
   return nullptr;
@@ -199,8 +214,17 @@ const char* Run(WebMan& request, Upload& upload) {
     const char* error = OpenFolder(upload);
     if (error != nullptr) return error;
   }
+  const bool first = request.IsSliceUploadRequest() && !IsLaterSlice(request);
   const char* error = Receive(request, upload);
-  return error != nullptr ? error : Store(request, upload);
+  if (error == nullptr && first) error = GiveId(request, upload.data);
+  if (error != nullptr) return error;
+  AddOffset(request, upload.data);
+  error = Store(request, upload);
+  // A whole file that could not be moved is ended by its last byte, sent once more.
+  if (error != nullptr && request.IsSliceUploadFinish() && upload.data.isMember("offset")) {
+    upload.data["offset"] = upload.data["offset"].asInt64() - 1;
+  }
+  return error;
 }
 
 }  // namespace
@@ -216,7 +240,8 @@ int main() {
   if (error == nullptr) {
     program::AnswerSuccess(request, upload.data);
   } else {
-    upload.data.removeMember("files");
+    // Those before the one that was refused are stored.
+    if (upload.data["files"].empty()) upload.data.removeMember("files");
     program::AnswerFailure(request, "common", error, upload.data);
   }
   return 0;

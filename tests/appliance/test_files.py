@@ -187,6 +187,40 @@ def test_what_is_unreadable_is_hidden(alice, admin):
     assert names(admin, "/private") == ["Locked.txt", "Secrets.txt"]
 
 
+def test_what_is_hidden_is_not_told_by_its_name(alice, admin):
+    assert key(ask(alice, "get", path="/private/Locked.txt")) == "error_not_found"
+    assert ask(admin, "get", path="/private/Locked.txt")["success"]
+
+
+def test_a_share_that_was_replaced_by_a_link(admin, alice):
+    conf = Path("/etc/samba/smb.conf")
+    before = conf.read_text()
+    outside = Path("/root/outside")
+    outside.mkdir()
+    (outside / "secret").write_text("secret")
+    link = VOLUME / "public/Nested"
+    link.symlink_to(outside)
+    conf.write_text(before + f"\n[nested]\npath={link}\nread only=no\n")
+    try:
+        assert ask(admin, "list", path="/nested")["success"]  # a link of root's is the administrator's wish
+        subprocess.run(["chown", "-h", "alice:", link], check=True)
+        for action in ("list", "get"):
+            assert key(ask(admin, action, path="/nested")) == "error_not_found"
+        assert key(load(admin, "/nested/secret").json) == "error_not_found"
+        assert key(do(admin, "create", path="/nested/x")) == "error_not_found"
+    finally:
+        conf.write_text(before)
+        link.unlink()
+        shutil.rmtree(outside)
+
+
+@pytest.mark.parametrize("fields", [{"offset": 1.5}, {"offset": {}}, {"limit": True}, {"offset": 2**63 - 1}, {"offset": -1},
+                                    {"limit": 2**64 - 1}])
+def test_numbers_that_are_none(alice, fields):
+    answer = alice.post("files", json.dumps({"action": "list", "path": "/public", **fields}).encode()).json
+    assert key(answer) == "error_request"
+
+
 def test_where_listing_is_forbidden(alice, admin):
     for answer in (ask(alice, "list", path="/dropbox"), ask(alice, "get", path="/dropbox"),
                    ask(alice, "list", path="/dropbox", folders="yes")):

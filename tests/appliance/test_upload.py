@@ -339,6 +339,31 @@ def test_the_last_slice_can_be_sent_again(alice):
     assert (VOLUME / "public/In/sliced").read_bytes() == content
 
 
+def test_a_refused_slice_can_be_gone_on_with(alice):
+    """Whatever is refused once something grows comes with the id and the place to go on at."""
+    (VOLUME / "public/In/sliced").write_bytes(b"in the way")
+    answer = slice_of(alice, b"hello", 0, 5)  # the first slice, and the last
+    assert (key(answer), answer["data"]["offset"]) == ("error_exists", 4)
+    id = answer["data"]["id"]
+    assert slice_of(alice, b"hello", 4, 1, id, name="other")["data"] == {"files": [{"name": "other", "size": 5}]}
+    assert (VOLUME / "public/In/other").read_bytes() == b"hello"
+    data = body(part("file", b"0123456789", "late"), part("path", b"/none"))
+    answer = post(alice, data, None, "Content-Range: bytes 0-9/20").json
+    if not answer["success"]:
+        assert key(answer) == "error_not_found" and answer["data"]["offset"] == 10
+    id = answer["data"]["id"]
+    assert slice_of(alice, b"x" * 20, 10, 10, id, name="late")["success"]
+
+
+def test_of_several_files_the_answer_names_those_that_are_stored(alice):
+    data = body(part("file", b"1", "one"), part("file", b"2", "a:b"), part("file", b"3", "three"))
+    answer = post(alice, data, {"path": "/public/In"}).json
+    assert key(answer) == "error_name" and answer["data"]["files"] == [{"name": "one", "size": 1}]
+    data = body(part("file", b"1", "x"), part("file", b"2", "y"))
+    answer = post(alice, data, {"path": "/public/In", "name": "same", "overwrite": "yes"}).json
+    assert key(answer) == "error_request" and (VOLUME / "public/In/same").read_bytes() == b"1"
+
+
 def test_two_with_one_id_at_once(alice):
     content = os.urandom(4_000_000)
     id = slice_of(alice, content, 0, 1_000_000)["data"]["id"]

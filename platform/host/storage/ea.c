@@ -37,6 +37,7 @@ static int make(const char *path) {
 }
 
 int VEMOEAMKDir(int reserved, const char *path) {
+  char bare[4096];
   uid_t before;
 
   (void)reserved;
@@ -44,8 +45,18 @@ int VEMOEAMKDir(int reserved, const char *path) {
     VEMO_FAIL_PARAM();
     return -1;
   }
+  size_t size = strlen(path);
+  if (size >= sizeof bare) {
+    VEMO_FAIL_AS(ENAMETOOLONG, VEMOERR_TOO_LONG);
+    return -1;
+  }
+  /* A slash at the end would lead through a link. */
+  while (size > 1 && path[size - 1] == '/')
+    size--;
+  memcpy(bare, path, size);
+  bare[size] = '\0';
   if (vemo_root_begin(&before) != 0) return -1;
-  const int result = make(path);
+  const int result = make(bare);
   if (result != 0) {
     const int error = errno;
     VEMO_FAIL_AS(error, error == ENOTDIR || error == ELOOP ? VEMOERR_PATH_REFUSED

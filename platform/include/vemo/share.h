@@ -22,8 +22,9 @@ typedef struct _tag_VEMOSHARE {
 } VEMOSHARE;
 
 /* The share of this name, without regard to ASCII case. 0, and the record in `*share`,
- * released with VEMOShareFree; -1 and NULL (VEMOERR_NO_SHARE). The virtual share "homes"
- * is there while the home service is on. */
+ * released with VEMOShareFree; -1 and NULL (VEMOERR_NO_SHARE; the registry cannot be read:
+ * VEMOERR_NOT_FOUND, VEMOERR_NO_PERM, or VEMOERR_FORMAT where Samba refuses it too). The
+ * virtual share "homes" is there while the home service is on. */
 int VEMOShareGet(const char *name, VEMOSHARE **share);
 
 void VEMOShareFree(VEMOSHARE *share); /* NULL allowed */
@@ -41,7 +42,10 @@ int VEMOShareNamePathGet(const char *path, char *name, int name_size, char *shar
  * users", others have none; "read only" is the rule, "read list" takes writing away, "write
  * list" gives it, and wins. "admin users" and guests change nothing here. In lists, "@name" is
  * a netgroup or a group, "+name" a group, "&name" a netgroup; "%S" is the share, "%U" the
- * user. Of the virtual share "homes", administrators have all and others nothing. */
+ * user; local names may have this machine's name before them ("NAS\alice"). An entry that
+ * cannot be told, by another variable or because a service fails, is held against the user.
+ * Of the virtual share "homes", administrators have all, but for what the lists of [homes]
+ * say, where "%S" is the user, and others nothing. */
 int VEMOShareUserPrivGet(const char *user, const VEMOSHARE *share);
 
 /* The same, and why: one of "invalid users", "valid users", "read only", "read list", "write

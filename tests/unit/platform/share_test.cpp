@@ -523,6 +523,25 @@ valid users = +team
   }
 }
 
+// Who cannot be told from those that a list keeps out, is kept out.
+TEST_F(Shares, WithoutTheServiceOfGroupsListsCloseShares) {
+  Write(kConf,
+        "[invalid]\npath=/1\ninvalid users = @kids\n[valid]\npath=/2\nvalid users = @kids\n"
+        "[read]\npath=/3\nread only = no\nread list = @kids\n[write]\npath=/4\nwrite list = @kids\n"
+        "[names]\npath=/5\ninvalid users = kid\n");
+  const std::map<std::string, int> before = {
+      {"invalid", 1}, {"valid", 0}, {"read", 2}, {"write", 1}, {"names", 1}};
+  for (const auto& [share, privilege] : before)
+    EXPECT_EQ(Priv("stranger", share), privilege) << share;
+  Shell(
+      "sed -i '/^group/d' /etc/nsswitch.conf; echo 'group: nowhere [UNAVAIL=return]' >> "
+      "/etc/nsswitch.conf; touch -d '+2 sec' /etc/nsswitch.conf");
+  const std::map<std::string, int> after = {
+      {"invalid", 0}, {"valid", 0}, {"read", 1}, {"write", 1}, {"names", 1}};
+  for (const auto& [share, privilege] : after)
+    EXPECT_EQ(Priv("stranger", share), privilege) << share;
+}
+
 TEST_F(Shares, TheHomesAreAShareWhileTheyAreOn) {
   Write(kConf,
         "[a]\npath=/a\n[homes]\ninvalid users = boss2\nvalid users = %S\nread only = yes\n"

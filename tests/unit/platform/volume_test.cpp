@@ -1,8 +1,6 @@
-// Volumes on real mounts, and the platform's own names within a share.
-#include <sys/stat.h>
+// Volumes on real mounts.
 #include <unistd.h>
 #include <vemo/core.h>
-#include <vemo/ea.h>
 #include <vemo/share.h>
 #include <vemo/volume.h>
 
@@ -132,49 +130,6 @@ TEST_F(Volumes, ThePlatformsPlaceOnThem) {
     EXPECT_EQ(VLIBCErrGet(), VEMOERR_NO_VOLUME) << other;
   }
   EXPECT_EQ(VEMOShareBinPathGet(nullptr, path, sizeof path), -1);
-}
-
-TEST(Hidden, NamesOfThePlatform) {
-  for (const char* name : {"@eaDir", "@tmp", "lost+found"}) {
-    EXPECT_TRUE(VEMOEAIsHiddenDir(name)) << name;
-    EXPECT_TRUE(VEMOEAIsHiddenFile(name)) << name;
-  }
-  for (const char* name : {".", ".."}) {
-    EXPECT_FALSE(VEMOEAIsHiddenDir(name)) << name;
-    EXPECT_TRUE(VEMOEAIsHiddenFile(name)) << name;
-  }
-  for (const char* name :
-       {static_cast<const char*>(nullptr), "", "@eadir", "@eaDir2", "x@eaDir", "...", ".x"}) {
-    EXPECT_FALSE(VEMOEAIsHiddenDir(name));
-    EXPECT_FALSE(VEMOEAIsHiddenFile(name));
-  }
-}
-
-TEST(Hidden, FoldersAreMadeAsRoots) {
-  Shell(
-      "rm -rf /run/ea; mkdir -m 0777 /run/ea; echo x > /run/ea/file; mkdir -m 0700 /run/ea/there; "
-      "ln -s /etc /run/ea/link");
-  umask(077);
-  ASSERT_EQ(seteuid(65534), 0);
-  EXPECT_EQ(VEMOEAMKDir(0, "/run/ea/@eaDir"), 0);
-  EXPECT_EQ(geteuid(), 65534u);
-  ASSERT_EQ(seteuid(0), 0);
-  struct stat status;
-  ASSERT_EQ(stat("/run/ea/@eaDir", &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0755u);
-  EXPECT_EQ(status.st_uid, 0u);
-  EXPECT_EQ(VEMOEAMKDir(0, "/run/ea/@eaDir"), 0);
-  EXPECT_EQ(VEMOEAMKDir(0, "/run/ea/there"), 0);
-  ASSERT_EQ(stat("/run/ea/there", &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0700u);  // one that is there stays as it is
-  for (const auto& [path, code] : {std::pair{"/run/ea/file", VEMOERR_PATH_REFUSED},
-                                   {"/run/ea/link", VEMOERR_PATH_REFUSED},
-                                   {"/run/ea/none/x", VEMOERR_NOT_FOUND}}) {
-    EXPECT_EQ(VEMOEAMKDir(0, path), -1) << path;
-    EXPECT_EQ(VLIBCErrGet(), code) << path;
-  }
-  EXPECT_EQ(VEMOEAMKDir(0, nullptr), -1);
-  EXPECT_EQ(VEMOEAMKDir(0, ""), -1);
 }
 
 }  // namespace
