@@ -24,6 +24,23 @@ bool ParseJson(const char* text, std::size_t size, JsonComments comments, Json::
   }
 }
 
+bool HasFewValues(const char* text, std::size_t size) {
+  constexpr std::size_t kLimit = 250'000;
+  std::size_t values = 0;
+  bool in_string = false;
+  for (std::size_t i = 0; i < size; i++) {
+    const char c = text[i];
+    if (in_string && c == '\\') {
+      i++;
+    } else if (c == '"') {
+      in_string = !in_string;
+    } else if (!in_string && (c == ',' || c == '[' || c == '{') && ++values > kLimit) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool ParseJsonInto(const char* text, std::size_t size, Json::Value& value, std::string* error) {
   try {
     Json::Reader reader;

@@ -40,8 +40,9 @@ bool WebMan::LoadIn() {
 }
 
 bool WebMan::LoadJSONParam(char* line) {
-  if (line != nullptr &&
-      zem::ParseJson(line, std::strlen(line), zem::JsonComments::kCollect, json_input_)) {
+  const size_t size = line == nullptr ? 0 : std::strlen(line);
+  if (line != nullptr && zem::HasFewValues(line, size) &&
+      zem::ParseJson(line, size, zem::JsonComments::kCollect, json_input_)) {
     return true;
   }
   // What the reader had built before it failed is no input.
