@@ -26,9 +26,9 @@ bool ParseJson(const char* text, std::size_t size, JsonComments comments, Json::
 /// 8 MiB could else take half a gigabyte.
 bool HasFewValues(const char* text, std::size_t size);
 
-/// The same as `ParseJson`, without comments, straight into `value`: after a failure it holds whatever
-/// the reader had built by then, as it was for a text without any value.
-/// \param error when not null, gets the reader's messages for people, each with its
+/// The same as `ParseJson`, without comments, straight into `value`: after a failure it holds
+/// whatever the reader had built by then, as it was for a text without any value. \param error when
+/// not null, gets the reader's messages for people, each with its
 ///     line and column, after a failure.
 bool ParseJsonInto(const char* text, std::size_t size, Json::Value& value,
                    std::string* error = nullptr);

@@ -158,7 +158,7 @@ TEST_F(Acl, ADeadMountIsAnotherFailure) {
   ASSERT_EQ(access("/run/a/dead/f", F_OK), 0);
   kill(server, SIGKILL);
   waitpid(server, nullptr, 0);
-  sleep(2);  // until what the kernel remembers of it is too old
+  sleep(2);                                    // until what the kernel remembers of it is too old
   EXPECT_EQ(Mask("/run/a/dead/f", 0, 0), -1);  // its only user
   EXPECT_EQ(VLIBCErrGet(), VEMOERR_IO);
   Shell("umount -l /run/a/dead");
